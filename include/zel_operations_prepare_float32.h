@@ -1,0 +1,46 @@
+// Lowering of float32 operations into runtime nodes. None of them is in
+// the lowering table; they are kept complete beside the quant8 family.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+namespace arv {
+namespace nnhal {
+namespace zel {
+
+class ZelModel;
+
+namespace float32 {
+
+using Ins = std::vector<uint32_t>;
+
+bool add(const Ins& ins, const Ins& outs, ZelModel* model);
+bool sub(const Ins& ins, const Ins& outs, ZelModel* model);
+bool mul(const Ins& ins, const Ins& outs, ZelModel* model);
+bool average_pool_2d(const Ins& ins, const Ins& outs, ZelModel* model);
+bool l2_pool_2d(const Ins& ins, const Ins& outs, ZelModel* model);
+bool max_pool_2d(const Ins& ins, const Ins& outs, ZelModel* model);
+bool conv_2d(const Ins& ins, const Ins& outs, ZelModel* model);
+bool depthwise_conv_2d(const Ins& ins, const Ins& outs, ZelModel* model);
+bool fully_connected(const Ins& ins, const Ins& outs, ZelModel* model);
+bool concatenation(const Ins& ins, const Ins& outs, ZelModel* model);
+bool local_response_normalization(const Ins& ins, const Ins& outs, ZelModel* model);
+bool logistic(const Ins& ins, const Ins& outs, ZelModel* model);
+bool tanh(const Ins& ins, const Ins& outs, ZelModel* model);
+bool relu(const Ins& ins, const Ins& outs, ZelModel* model);
+bool relu1(const Ins& ins, const Ins& outs, ZelModel* model);
+bool relu6(const Ins& ins, const Ins& outs, ZelModel* model);
+bool softmax(const Ins& ins, const Ins& outs, ZelModel* model);
+bool reshape(const Ins& ins, const Ins& outs, ZelModel* model);
+bool squeeze(const Ins& ins, const Ins& outs, ZelModel* model);
+bool pad(const Ins& ins, const Ins& outs, ZelModel* model);
+bool transpose(const Ins& ins, const Ins& outs, ZelModel* model);
+bool resize_bilinear(const Ins& ins, const Ins& outs, ZelModel* model);
+bool batch_to_space_nd(const Ins& ins, const Ins& outs, ZelModel* model);
+bool space_to_batch_nd(const Ins& ins, const Ins& outs, ZelModel* model);
+
+}  // namespace float32
+}  // namespace zel
+}  // namespace nnhal
+}  // namespace arv

@@ -1,0 +1,1 @@
+#include "zel_kestrel_runtime.h"

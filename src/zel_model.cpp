@@ -1,0 +1,1 @@
+#include "zel_model.h"

@@ -1,0 +1,1 @@
+#include "zel_operations_check_float32.h"

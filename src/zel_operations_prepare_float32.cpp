@@ -1,0 +1,1 @@
+#include "zel_operations_prepare_float32.h"

@@ -1,0 +1,1 @@
+#include "zel_operations_prepare_quant8.h"

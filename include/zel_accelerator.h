@@ -48,6 +48,9 @@ public:
     struct Delays {
         std::chrono::microseconds release{std::chrono::seconds(5)};   // DOWN_VOTE and TOKEN_RELEASE
         std::chrono::microseconds timeout{std::chrono::seconds(60)};  // DOWN_VOTE_TIMEOUT after an up vote
+        // Clock of the due times; empty means the system clock. Tests inject
+        // a manual clock to queue messages with equal due times.
+        std::function<std::chrono::time_point<std::chrono::system_clock, std::chrono::microseconds>()> clock;
     };
 
     explicit VotingThread(NnLib* lib);

@@ -47,7 +47,8 @@ std::vector<uint32_t> getAlignedDimensions(const std::vector<uint32_t>& dims, ui
 // Runtime output record for dims (aligned to four) and an element size.
 output make_kestrel_nn_output(const std::vector<uint32_t>& dims, uint32_t elementSize);
 
-// Copy of `info` with the host operand's current dims and data.
+// Copy of `info` with the host operand's current dims (when it reports
+// any) and its current data pointer and length.
 OperandInfo getUpdatedOperand(IOperand* operand, const OperandInfo& info);
 
 class ZelModel {
@@ -59,12 +60,24 @@ public:
 
     // --- build, prepare, execute -------------------------------------------
     // A filled model for `graph`, or null when the graph cannot be read.
+    // Never throws.
     static ZelModel* create(IGraph* graph);
+    // Reads the host graph into the registry. Besides a null graph, an
+    // unreadable buffer or operation, it refuses (one error line, false) a
+    // null operand and any operation, graph-input or graph-output index
+    // outside the operand count. Operands of rank > 4 are accepted here;
+    // they are refused where a node is made of them.
     bool initModel(IGraph* graph);
+    // Obtains a runtime graph, appends every node and prepares it. The
+    // performance preference is not used. Never throws.
     bool prepare(ExecutionPerformance performance);
+    // Runs the prepared graph on the host's current buffers. Never throws.
     bool execute(IGraph* graph);
     std::string getLog();
     std::string getGraph();
+    // Runtime tensor record of an operand: dims aligned to four, the
+    // operand's data and length. All zero when it has more than 4 dims.
+    kestrel_zel_nn_tensordef convertToTensordef(const OperandInfo& info);
 
     // --- support query -----------------------------------------------------
     int getOperationSupportLevel(IOperation* operation);
@@ -98,10 +111,14 @@ public:
     // True when `index` names an operand of the graph.
     bool isValidOperand(uint32_t index) const { return index < mOperands.size(); }
     // True when every index names an operand of the graph; otherwise one
-    // error line naming the first bad index.
+    // error line naming the first bad index: "<what> <position> refers to
+    // operand <index> outside the graph (<n> operands)" (`what` is e.g.
+    // "Input" or "Output"; null reads "Operand").
     bool validOperands(const std::vector<uint32_t>& indices, const char* what);
-    // True when every scalar-typed operand in `indices` holds at least four
-    // bytes of data; otherwise one error line.
+    // True when every scalar-typed operand (types 0, 1, 2) in `indices`
+    // holds at least four bytes of data; otherwise one error line "Scalar
+    // operand <index> has no data". An index outside the graph is refused
+    // as by validOperands.
     bool scalarsHaveData(const std::vector<uint32_t>& indices);
 
     // --- constant nodes ----------------------------------------------------
@@ -130,24 +147,41 @@ public:
                                   const std::vector<output>& outputs);
     bool addBasicOperation(zel_op_type_enum op, int32_t padding, const std::vector<input>& inputs,
                            const std::vector<uint32_t>& outs);
-    // base -> bias add (skipped when biasInputs is empty) -> requantize ->
-    // activation (skipped for ZEL_OP_Nop).
+    // base -> bias add (skipped when biasInputs is empty: the requantize
+    // node then reads the base node's three outputs) -> requantize to the
+    // output operand's host range -> activation (skipped for ZEL_OP_Nop).
+    // biasInputs, when given, is [bias value, bias min, bias max]; exactly
+    // one output operand.
     bool addFusedQuant8Operation(zel_op_type_enum baseOp, int32_t padding, const std::vector<input>& baseInputs,
                                  zel_op_type_enum activation, const std::vector<input>& biasInputs,
                                  const std::vector<uint32_t>& outs);
     std::vector<input> setupActivationArgs(zel_op_type_enum activation);
+    // One node, then an activation node on its three outputs unless the
+    // activation is ZEL_OP_Nop; both carry the output records of `outs`.
     bool addQuant8OperationWithActivation(zel_op_type_enum op, int32_t padding, zel_op_type_enum activation,
                                           const std::vector<input>& inputs, const std::vector<uint32_t>& outs);
+    // Float form: the activation node (skipped for ZEL_OP_Nop, as in the
+    // quantized form) reads only the value output {base, 0}.
     bool addFloatOperationWithActivation(zel_op_type_enum op, int32_t padding, zel_op_type_enum activation,
                                          const std::vector<input>& inputs, const std::vector<uint32_t>& outs);
+    // Exactly one output operand. Base node with one float record (dims of
+    // the output, elementsize 4) -> ZEL_OP_FloatBiasAdd [{base,0}, bias]
+    // unless bias is {0,0} -> activation [{prev,0}] + its constants unless
+    // ZEL_OP_Nop; every node carries the same record.
     bool addFusedFloatOperation(zel_op_type_enum baseOp, int32_t padding, const input& bias,
                                 zel_op_type_enum activation, const std::vector<input>& inputs,
                                 const std::vector<uint32_t>& outs);
+    // One ZEL_OP_QuantizedSplit_8 node whose outputs are the records of
+    // `outs` (three slots per quantized operand), registered like
+    // registerZelInputs. An output already registered is refused before
+    // anything is appended.
     bool addSplitOperation(const std::vector<input>& inputs, const std::vector<uint32_t>& outs);
 
     // --- preparation steps -------------------------------------------------
     bool operationPreProcess();
     bool addBatchSeqConfig();
+    // Lowers every operation through getOperationPrepareTable(); scalar
+    // operands must hold data (scalarsHaveData) before a lowering runs.
     bool addOperations();
 
     // --- state access ------------------------------------------------------
@@ -159,7 +193,27 @@ public:
     const std::vector<uint32_t>& graphInputs() const { return mInputs; }
     const std::vector<uint32_t>& graphOutputs() const { return mOutputs; }
 
+    // Test-only: node-level tests append to a runtime graph obtained
+    // outside prepare. Production code never calls these.
+    void setGraphIdForTest(uint32_t graphId) { mGraphId = graphId; }
+    void setBatchSizeForTest(uint32_t batchSize) { mBatchSize = batchSize; }
+
 private:
+    // True when `index` names an operand; otherwise one error line.
+    bool checkOperand(uint32_t index);
+    // Constant node 1x1x1x1 holding one float.
+    input createFloatConstant(float value);
+    // Element size used for an operand's output records: its own
+    // elementSize for custom-byte operands, getSize(type) otherwise.
+    uint32_t outputElementSize(const OperandInfo& operand);
+    // Filter or weight bytes transposed as rows x cols elements (floats for
+    // TENSOR_FP32, bytes otherwise); false (one error line) when the
+    // operand's data does not hold exactly that many elements.
+    bool transposedData(uint32_t index, uint64_t rows, uint64_t cols, std::vector<uint8_t>* out);
+    // Tensor records of the host's current buffers for `indices`.
+    bool collectTensordefs(IGraph* graph, const std::vector<uint32_t>& indices,
+                           std::vector<kestrel_zel_nn_tensordef>* defs);
+
     uint32_t mGraphId;
     uint32_t mNodeId;
     bool mPrepared;

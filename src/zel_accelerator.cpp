@@ -24,9 +24,13 @@ std::atomic<uint64_t> gVotingTokenCounter{0};
 
 using TimePoint = std::chrono::time_point<std::chrono::system_clock, std::chrono::microseconds>;
 
-TimePoint nowMicros() {
+TimePoint systemNow() {
     return std::chrono::time_point_cast<std::chrono::microseconds>(std::chrono::system_clock::now());
 }
+
+// How long a worker driven by an injected clock sleeps before it looks at
+// that clock again.
+constexpr std::chrono::milliseconds kInjectedClockPoll{1};
 
 // Text of the loader's last error, "" when it has none.
 std::string loaderError() {
@@ -125,8 +129,13 @@ void VotingThread::waitForVote() {
             continue;
         }
         const Message first = peekFirstMessage();
-        if (std::chrono::system_clock::now() < first.time) {
-            mCondition.wait_until(lock, first.time);
+        if (!mDelays.clock) {
+            if (std::chrono::system_clock::now() < first.time) {
+                mCondition.wait_until(lock, first.time);
+                continue;
+            }
+        } else if (mDelays.clock() < first.time) {
+            mCondition.wait_for(lock, kInjectedClockPoll);
             continue;
         }
         // Remove exactly that message (the first one with its due time and
@@ -147,7 +156,8 @@ void VotingThread::waitForVote() {
 }
 
 void VotingThread::enqueueMessageLocked(uint64_t token, Message::Type type, std::chrono::microseconds delay) {
-    mQueue.push_back(Message{token, type, nowMicros() + delay});
+    const TimePoint now = mDelays.clock ? mDelays.clock() : systemNow();
+    mQueue.push_back(Message{token, type, now + delay});
     mCondition.notify_all();
 }
 
@@ -541,25 +551,24 @@ void ZelAccelerator::isGraphSupported(IGraph* graph, IGraphOperationSupportLevel
 }
 
 CreateExecutorResult ZelAccelerator::createGraphExecutor(IGraph* graph, IExecutorContext* context) {
+    ZelExecutor* executor = nullptr;
     try {
         handle_debug_info("In ZelAccelerator::createGraphExecutor()");
-        CreateExecutorResult result{Status::SUCCESS, nullptr};
         if (!isZelAvailable()) return CreateExecutorResult{Status::ACCELERATOR_UNAVAILABLE, nullptr};
 
-        ZelExecutor* executor = ZelExecutor::create(graph, context);
+        executor = ZelExecutor::create(graph, context);
         // A second probe tells a runtime that died during the build apart
         // from a graph that the runtime refused.
         if (executor == nullptr && !isZelAvailable()) {
             return CreateExecutorResult{Status::ACCELERATOR_UNAVAILABLE, nullptr};
         }
-        if (executor == nullptr) {
-            result = CreateExecutorResult{Status::GENERAL_FAILURE, nullptr};
-        } else {
-            result = CreateExecutorResult{Status::SUCCESS, executor};
-        }
+        const CreateExecutorResult result = executor == nullptr
+                                                ? CreateExecutorResult{Status::GENERAL_FAILURE, nullptr}
+                                                : CreateExecutorResult{Status::SUCCESS, executor};
         handle_debug_info("Out ZelAccelerator::createGraphExecutor()");
         return result;
     } catch (...) {
+        if (executor != nullptr) executor->release();
         return CreateExecutorResult{Status::GENERAL_FAILURE, nullptr};
     }
 }

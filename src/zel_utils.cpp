@@ -5,6 +5,7 @@
 #include <android/log.h>
 
 #include <cstdint>
+#include <cstring>
 #include <string>
 
 #include "zel_accelerator.h"
@@ -148,14 +149,21 @@ std::string toString(OperandType type) {
     return name != nullptr ? name : "UNKNOWN_OPERAND_TYPE";
 }
 
+// The two runtime enumerations may carry numbers outside their enumerators
+// (a runtime answer, a corrupt record); their bits are read as they are.
+static_assert(sizeof(zel_op_type_enum) == sizeof(int32_t), "zel_op_type_enum is one 32-bit word");
+static_assert(sizeof(padding_type_enum) == sizeof(uint32_t), "padding_type_enum is one 32-bit word");
+
 std::string toString(zel_op_type_enum op) {
-    const int32_t value = static_cast<int32_t>(op);
+    int32_t value = 0;
+    std::memcpy(&value, &op, sizeof(value));
     const char* name = findName(kZelOpNames, value);
     return name != nullptr ? std::string(name) : std::to_string(value);
 }
 
 std::string toString(padding_type_enum padding) {
-    const uint32_t index = static_cast<uint32_t>(padding);
+    uint32_t index = 0;
+    std::memcpy(&index, &padding, sizeof(index));
     if (index >= sizeof(kPaddingNames) / sizeof(kPaddingNames[0])) return "<invalid kestrel_nn_padding_type>";
     return kPaddingNames[index];
 }

@@ -65,4 +65,15 @@ ZELSIM_API void setConfigResult(int result);
 // execute_new only checks sizes (as a device runtime costs nothing here).
 ZELSIM_API void setPassThrough(bool on);
 
+// The simulator's own notes, one per line: ZELSIM_FAULTS items and failCall
+// requests it ignored. Kept across reset(); "" when there is nothing to say.
+ZELSIM_API std::string notes();
+// Text rendering of `graphId` (what snpprint writes): one node per line.
+// Torn-down graphs stay readable until reset (the last 64 of them);
+// "" for an unknown graph.
+ZELSIM_API std::string renderText(int graphId);
+// Graphviz rendering of `graphId`: one box per node, one ellipse per
+// constant, one edge per input labelled with the output index.
+ZELSIM_API std::string renderDot(int graphId);
+
 }  // namespace zelsim

@@ -1,0 +1,145 @@
+#include "zelhost/graph_dump.h"
+
+#include <dlfcn.h>
+
+#include <cctype>
+#include <map>
+#include <sstream>
+#include <vector>
+
+namespace arv {
+namespace nnhal {
+namespace host {
+
+namespace {
+
+// The simulator's observation API, looked up by its (Itanium C++ ABI)
+// symbol names: int zelsim::lastGraphId() and std::string
+// zelsim::renderDot(int). Both sides are built by the same build.
+constexpr const char kLastGraphIdSymbol[] = "_ZN6zelsim11lastGraphIdEv";
+constexpr const char kRenderDotSymbol[] = "_ZN6zelsim9renderDotB5cxx11Ei";
+constexpr const char kSnpprintSymbol[] = "kestrel_zel_nn_snpprint";
+constexpr const char kRuntimeFile[] = "libzel_kestrel_runtime.so";
+
+using LastGraphIdFn = int (*)();
+using RenderDotFn = std::string (*)(int);
+using SnpprintFn = int (*)(int, unsigned char*, unsigned int);
+
+constexpr unsigned kListingBytes = 1u << 20;
+// Graph ids probed through snpprint when the runtime does not tell the last one.
+constexpr int kProbeGap = 64;
+
+std::string escape(const std::string& text) {
+    std::string out;
+    for (char c : text) {
+        if (c == '"' || c == '\\') out += '\\';
+        out += c;
+    }
+    return out;
+}
+
+bool listing(SnpprintFn snpprint, int graphId, std::string& text) {
+    std::vector<unsigned char> buffer(kListingBytes, 0);
+    if (snpprint(graphId, buffer.data(), kListingBytes) != 0) return false;
+    buffer.back() = 0;
+    text.assign(reinterpret_cast<const char*>(buffer.data()));
+    return true;
+}
+
+}  // namespace
+
+std::string listingToDot(const std::string& listing, const std::string& title) {
+    std::ostringstream dot;
+    dot << "digraph \"" << escape(title) << "\" {\n  rankdir=TB;\n  node [shape=box, fontname=\"monospace\"];\n";
+    std::istringstream lines(listing);
+    std::string line;
+    std::vector<std::pair<unsigned long, std::string>> edges;  // target node, "src:idx"
+    while (std::getline(lines, line)) {
+        size_t pos = 0;
+        while (pos < line.size() && !std::isdigit(static_cast<unsigned char>(line[pos]))) {
+            if (!std::isspace(static_cast<unsigned char>(line[pos])) && line[pos] != '#') break;
+            ++pos;
+        }
+        if (pos >= line.size() || !std::isdigit(static_cast<unsigned char>(line[pos]))) continue;
+        size_t end = pos;
+        while (end < line.size() && std::isdigit(static_cast<unsigned char>(line[end]))) ++end;
+        const unsigned long id = std::stoul(line.substr(pos, end - pos));
+        std::string rest = line.substr(end);
+        while (!rest.empty() && (rest[0] == ':' || rest[0] == ' ')) rest.erase(0, 1);
+        dot << "  n" << id << " [label=\"" << id << ": " << escape(rest) << "\"];\n";
+        // References: "a:b" or "(a,b)" / "(a, b)" after the id.
+        for (size_t i = 0; i < rest.size(); ++i) {
+            if (!std::isdigit(static_cast<unsigned char>(rest[i])) ||
+                (i > 0 && (std::isalnum(static_cast<unsigned char>(rest[i - 1])) || rest[i - 1] == '_'))) {
+                continue;
+            }
+            size_t j = i;
+            while (j < rest.size() && std::isdigit(static_cast<unsigned char>(rest[j]))) ++j;
+            const bool paren = i > 0 && rest[i - 1] == '(';
+            size_t k = j;
+            if (paren && k < rest.size() && rest[k] == ',') {
+                ++k;
+                while (k < rest.size() && rest[k] == ' ') ++k;
+            } else if (!paren && k < rest.size() && rest[k] == ':') {
+                ++k;
+            } else {
+                i = j;
+                continue;
+            }
+            size_t m = k;
+            while (m < rest.size() && std::isdigit(static_cast<unsigned char>(rest[m]))) ++m;
+            if (m == k || (paren && (m >= rest.size() || rest[m] != ')'))) {
+                i = j;
+                continue;
+            }
+            edges.emplace_back(id, rest.substr(i, j - i) + ":" + rest.substr(k, m - k));
+            i = m;
+        }
+    }
+    for (const auto& edge : edges) {
+        const size_t colon = edge.second.find(':');
+        dot << "  n" << edge.second.substr(0, colon) << " -> n" << edge.first << " [label=\""
+            << edge.second.substr(colon + 1) << "\"];\n";
+    }
+    dot << "}\n";
+    return dot.str();
+}
+
+std::string dumpLastRuntimeGraph(void* runtimeHandle, std::string& error) {
+    void* handle = runtimeHandle;
+    if (handle == nullptr) handle = dlopen(kRuntimeFile, RTLD_NOW | RTLD_NOLOAD);
+    if (handle == nullptr) {
+        error = std::string("runtime ") + kRuntimeFile + " is not loaded";
+        return "";
+    }
+    auto lastGraphId = reinterpret_cast<LastGraphIdFn>(dlsym(handle, kLastGraphIdSymbol));
+    auto renderDot = reinterpret_cast<RenderDotFn>(dlsym(handle, kRenderDotSymbol));
+    auto snpprint = reinterpret_cast<SnpprintFn>(dlsym(handle, kSnpprintSymbol));
+    std::string result;
+    int graphId = lastGraphId != nullptr ? lastGraphId() : 0;
+    if (graphId > 0 && renderDot != nullptr) result = renderDot(graphId);
+    if (result.empty() && snpprint != nullptr) {
+        std::string text;
+        if (graphId > 0 && listing(snpprint, graphId, text)) {
+            result = listingToDot(text, "graph " + std::to_string(graphId));
+        } else {
+            // No way to ask for the last id: take the highest id that answers.
+            int found = 0;
+            std::string foundText;
+            for (int id = 1; id - found <= kProbeGap; ++id) {
+                if (listing(snpprint, id, text)) {
+                    found = id;
+                    foundText = text;
+                }
+            }
+            if (found > 0) result = listingToDot(foundText, "graph " + std::to_string(found));
+        }
+    }
+    if (runtimeHandle == nullptr) dlclose(handle);  // drops the reference NOLOAD took
+    if (result.empty()) error = "the runtime has no graph to render";
+    return result;
+}
+
+}  // namespace host
+}  // namespace nnhal
+}  // namespace arv

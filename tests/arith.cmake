@@ -1,0 +1,8 @@
+# Shape records, shape inference and the quantization arithmetic.
+zel_add_gtest(zel_arith_tests
+  SOURCES
+    arith/shape_inference_test.cpp
+    arith/layout_shape_test.cpp
+    arith/quant_arith_test.cpp
+  LIBS zel_core
+  LABELS arith)

@@ -1,0 +1,305 @@
+// Padding choice, fused activation mapping, clamp ranges and fixed-point
+// multipliers.
+#include <cfloat>
+#include <cmath>
+#include <cstring>
+#include <limits>
+
+#include "arith_test_util.h"
+
+namespace {
+
+using namespace arithtest;
+using namespace arv::nnhal::zel;
+using arv::nnhal::ActivationFunc;
+
+constexpr int32_t kIntMin = std::numeric_limits<int32_t>::min();
+constexpr int32_t kIntMax = std::numeric_limits<int32_t>::max();
+
+TEST(PaddingCode, ImplicitCodes) {
+    EXPECT_EQ(getPadding(1u), ZEL_NN_PAD_SAME);
+    EXPECT_EQ(getPadding(2u), ZEL_NN_PAD_VALID);
+    EXPECT_EQ(getPadding(0u), ZEL_NN_PAD_NA);
+    EXPECT_EQ(getPadding(3u), ZEL_NN_PAD_NA);
+}
+
+TEST(PaddingCode, ExplicitPaddings) {
+    const struct {
+        const char* name;
+        int w, h, sw, sh, fw, fh, left, right, top, bottom;
+        padding_type_enum expected;
+    } cases[] = {
+        {"odd overhang split evenly", 5, 5, 2, 2, 3, 3, 1, 1, 1, 1, ZEL_NN_PAD_SAME},
+        {"extra pixel at the tail", 4, 4, 2, 2, 3, 3, 0, 1, 0, 1, ZEL_NN_PAD_SAME},
+        {"extra pixel at the head", 4, 4, 2, 2, 3, 3, 1, 0, 0, 1, ZEL_NN_PAD_NA},
+        {"all zero is valid", 5, 5, 2, 2, 3, 3, 0, 0, 0, 0, ZEL_NN_PAD_VALID},
+        {"all zero even where same needs none", 4, 4, 1, 1, 1, 1, 0, 0, 0, 0, ZEL_NN_PAD_VALID},
+        {"height only, exact", 4, 5, 1, 2, 1, 3, 0, 0, 1, 1, ZEL_NN_PAD_SAME},
+        {"height only, wrong split", 4, 5, 1, 2, 1, 3, 0, 0, 0, 2, ZEL_NN_PAD_NA},
+        {"too much padding", 5, 5, 1, 1, 3, 3, 2, 2, 1, 1, ZEL_NN_PAD_NA},
+        {"zero stride", 5, 5, 0, 0, 3, 3, 1, 1, 1, 1, ZEL_NN_PAD_NA},
+        {"wrapping sizes", kIntMax, kIntMax, kIntMax, 3, kIntMax, 3, 1, 0, 1, 0, ZEL_NN_PAD_NA},
+        {"INT32_MIN over -1 wraps", kIntMin + 2, kIntMin + 2, -1, -1, 3, 3, 1, 1, 1, 1, ZEL_NN_PAD_SAME},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        EXPECT_EQ(getPadding(c.w, c.h, c.sw, c.sh, c.fw, c.fh, c.left, c.right, c.top, c.bottom), c.expected);
+    }
+}
+
+TEST(ActivationMapping, RuntimeOperations) {
+    const struct {
+        int32_t activation;
+        zel_op_type_enum quantized, floating;
+    } cases[] = {
+        {0, ZEL_OP_Nop, ZEL_OP_Nop},
+        {1, ZEL_OP_QuantizedRelu_8, ZEL_OP_FloatRelu},
+        {2, ZEL_OP_QuantizedClamp_8, ZEL_OP_FloatClamp},  // RELU1 is a clamp
+        {3, ZEL_OP_QuantizedReluX_8, ZEL_OP_FloatReluX},  // RELU6 is ReluX
+        {4, ZEL_OP_Nop, ZEL_OP_Nop},
+        {-1, ZEL_OP_Nop, ZEL_OP_Nop},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.activation);
+        EXPECT_EQ(getQuantizedActivationFunction(static_cast<ActivationFunc>(c.activation)), c.quantized);
+        EXPECT_EQ(getFloatActivationFunction(static_cast<ActivationFunc>(c.activation)), c.floating);
+    }
+    EXPECT_EQ(static_cast<int>(getQuantizedActivationFunction(ActivationFunc::RELU1)), 167);
+    EXPECT_EQ(static_cast<int>(getQuantizedActivationFunction(ActivationFunc::RELU6)), 23);
+    EXPECT_EQ(static_cast<int>(getFloatActivationFunction(ActivationFunc::RELU)), 49);
+    EXPECT_EQ(static_cast<int>(getFloatActivationFunction(ActivationFunc::RELU1)), 169);
+    EXPECT_EQ(static_cast<int>(getFloatActivationFunction(ActivationFunc::RELU6)), 50);
+}
+
+TEST(ActivationRange, Uint8) {
+    const float inf = std::numeric_limits<float>::infinity();
+    const struct {
+        const char* name;
+        int32_t activation;
+        float scale;
+        int32_t zeroPoint;
+        int32_t min, max;
+    } cases[] = {
+        {"none", 0, 0.1f, 77, 0, 255},
+        {"relu6 full range", 3, 0.0235294f, 0, 0, 255},
+        {"relu6 inside", 3, 0.1f, 10, 10, 70},
+        {"relu from zero point", 1, 0.5f, 200, 200, 255},
+        {"relu1", 2, 0.01f, 128, 28, 228},
+        {"relu1 clamped both sides", 2, 0.001f, 0, 0, 255},
+        {"halves away from zero", 2, 2.0f, 100, 99, 101},
+        {"zero point above the range", 1, 0.5f, 300, 300, 255},
+        {"zero scale saturates", 2, 0.0f, 5, 0, 255},
+        {"zero scale at zero", 1, 0.0f, 5, 5, 255},
+        {"infinite scale", 3, inf, 9, 9, 9},
+        {"extreme zero point", 2, 1e-30f, kIntMax, 0, 255},  // no overflow on the way
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        zeltest::LogCapture log;
+        int32_t lo = -7;
+        int32_t hi = -7;
+        CalculateActivationRangeUint8(c.activation, q8({1}, c.scale, c.zeroPoint), &lo, &hi);
+        EXPECT_EQ(lo, c.min);
+        EXPECT_EQ(hi, c.max);
+        EXPECT_TRUE(log.texts().empty());
+    }
+    for (int32_t activation : {4, -1}) {
+        zeltest::LogCapture log;
+        int32_t lo = 1234;
+        int32_t hi = -99;
+        CalculateActivationRangeUint8(activation, q8({1}, 0.5f, 3), &lo, &hi);
+        EXPECT_EQ(lo, 1234);
+        EXPECT_EQ(hi, -99);
+        EXPECT_EQ(log.errors(), std::vector<std::string>{"Unsupported fused activation function."});
+    }
+}
+
+uint32_t bitsOf(float f) {
+    uint32_t u;
+    std::memcpy(&u, &f, sizeof u);
+    return u;
+}
+
+TEST(ActivationRange, Float) {
+    const struct {
+        int32_t activation;
+        uint32_t minBits, maxBits;
+    } cases[] = {
+        {0, 0xFF7FFFFFu, 0x7F7FFFFFu},
+        {1, bitsOf(0.0f), 0x7F7FFFFFu},
+        {2, bitsOf(-1.0f), bitsOf(1.0f)},
+        {3, bitsOf(0.0f), bitsOf(6.0f)},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.activation);
+        float lo = 42.0f;
+        float hi = 42.0f;
+        CalculateActivationRangeFloat(c.activation, &lo, &hi);
+        EXPECT_EQ(bitsOf(lo), c.minBits);
+        EXPECT_EQ(bitsOf(hi), c.maxBits);
+    }
+    zeltest::LogCapture log;
+    float lo = 42.0f;
+    float hi = 43.0f;
+    CalculateActivationRangeFloat(5, &lo, &hi);
+    EXPECT_EQ(lo, 42.0f);
+    EXPECT_EQ(hi, 43.0f);
+    EXPECT_EQ(log.errors(), std::vector<std::string>{"Unsupported fused activation function."});
+}
+
+TEST(QuantizedMultiplier, SmallerThanOne) {
+    const struct {
+        double value;
+        int32_t multiplier, shift;
+    } cases[] = {
+        {0.5, 1 << 30, 0},      {0.25, 1 << 30, 1},          {0.75, 3 << 29, 0}, {0.0, 0, 0},
+        {0x1p-40, 1 << 30, 39}, {0.5 - 0x1p-40, 1 << 30, 0},  // mantissa rounds up to 2^31: halved, shift - 1
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.value);
+        zeltest::LogCapture log;
+        int32_t multiplier = -1;
+        int32_t shift = -100;
+        ASSERT_TRUE(QuantizeMultiplierSmallerThanOne(c.value, &multiplier, &shift));
+        EXPECT_EQ(multiplier, c.multiplier);
+        EXPECT_EQ(shift, c.shift);
+        EXPECT_TRUE(log.texts().empty());
+    }
+}
+
+TEST(QuantizedMultiplier, SmallerThanOneRefusals) {
+    const struct {
+        double value;
+        std::string line;
+        int32_t shiftAfter;  // right_shift as left by the refusal
+    } cases[] = {
+        {1.0, "NN_CHECK failed: double_multiplier < 1.", 55},
+        {1.5, "NN_CHECK failed: double_multiplier < 1.", 55},
+        {-0.25, "NN_CHECK failed: double_multiplier >= 0.", 55},
+        {std::nan(""), "NN_CHECK failed: double_multiplier >= 0.", 55},
+        {1.0 - 0x1p-40, "NN_CHECK failed: *right_shift >= 0", -1},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.line);
+        zeltest::LogCapture log;
+        int32_t multiplier = 77;
+        int32_t shift = 55;
+        EXPECT_FALSE(QuantizeMultiplierSmallerThanOne(c.value, &multiplier, &shift));
+        EXPECT_EQ(log.errors(), std::vector<std::string>{c.line});
+        EXPECT_EQ(multiplier, 77);
+        EXPECT_EQ(shift, c.shiftAfter);
+    }
+}
+
+TEST(QuantizedMultiplier, GreaterThanOne) {
+    const struct {
+        double value;
+        int32_t multiplier;
+        int shift;
+    } cases[] = {
+        {3.0, 3 << 29, 2},
+        {1.5, 3 << 29, 1},
+        {2.0 - 0x1p-40, 1 << 30, 2},  // mantissa rounds up to 2^31: halved, shift + 1
+        {1024.0, 1 << 30, 11},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.value);
+        int32_t multiplier = 0;
+        int shift = -1;
+        ASSERT_TRUE(QuantizeMultiplierGreaterThanOne(c.value, &multiplier, &shift));
+        EXPECT_EQ(multiplier, c.multiplier);
+        EXPECT_EQ(shift, c.shift);
+    }
+    const struct {
+        double value;
+        std::string line;
+    } refusals[] = {
+        {1.0, "NN_CHECK failed: double_multiplier > 1."},
+        {0.5, "NN_CHECK failed: double_multiplier > 1."},
+        {std::nan(""), "NN_CHECK failed: double_multiplier > 1."},
+        {std::numeric_limits<double>::infinity(), "NN_CHECK failed: q_fixed <= (1ll << 31)"},
+    };
+    for (const auto& c : refusals) {
+        SCOPED_TRACE(c.value);
+        zeltest::LogCapture log;
+        int32_t multiplier = 77;
+        int shift = 0;
+        EXPECT_FALSE(QuantizeMultiplierGreaterThanOne(c.value, &multiplier, &shift));
+        EXPECT_EQ(log.errors(), std::vector<std::string>{c.line});
+        EXPECT_EQ(multiplier, 77);
+    }
+}
+
+TEST(QuantizedMultiplier, ConvolutionMultiplier) {
+    float multiplier = -1.0f;
+    ASSERT_TRUE(
+        GetQuantizedConvolutionMultipler(q8({1}, 0.5f), q8({1}, 0.5f), i32({1}, 0.25f), q8({1}, 1.0f), &multiplier));
+    EXPECT_EQ(multiplier, 0.25f);
+    // A bias scale within one part in a million of the product is accepted.
+    ASSERT_TRUE(GetQuantizedConvolutionMultipler(q8({1}, 0.5f), q8({1}, 0.5f), i32({1}, 0.25f * (1.0f + 5e-7f)),
+                                                 q8({1}, 0.5f), &multiplier));
+    EXPECT_EQ(multiplier, 0.5f);
+
+    const struct {
+        float biasScale, outputScale;
+        std::string line;
+    } refusals[] = {
+        {0.25f, 0.25f, "NN_CHECK failed: input_product_scale < output_scale"},
+        {0.25f, 0.125f, "NN_CHECK failed: input_product_scale < output_scale"},
+        {0.3f, 1.0f,
+         "NN_CHECK failed: std::abs(input_product_scale - bias_scale) <= 1e-6 * std::min(input_product_scale, "
+         "bias_scale)"},
+        {0.25f * (1.0f + 4e-6f), 1.0f,
+         "NN_CHECK failed: std::abs(input_product_scale - bias_scale) <= 1e-6 * std::min(input_product_scale, "
+         "bias_scale)"},
+    };
+    for (const auto& c : refusals) {
+        SCOPED_TRACE(c.line);
+        zeltest::LogCapture log;
+        float m = -1.0f;
+        EXPECT_FALSE(GetQuantizedConvolutionMultipler(q8({1}, 0.5f), q8({1}, 0.5f), i32({1}, c.biasScale),
+                                                      q8({1}, c.outputScale), &m));
+        EXPECT_EQ(log.errors(), std::vector<std::string>{c.line});
+        EXPECT_EQ(m, -1.0f);
+    }
+}
+
+TEST(InputRadius, FixedPointFormat) {
+    const struct {
+        int bits, shift;
+        int32_t expected;
+    } cases[] = {
+        {4, 20, 1920},       // 15 * 2^27 / 2^20
+        {5, 27, 15},         // 31 * 2^26 / 2^27 = 15.5
+        {4, 0, 2013265920},  // 15 * 2^27
+        {0, 0, 0},
+        {31, 0, kIntMax},
+        {4, 62, 0},
+        {40, 0, kIntMax},  // beyond the format: saturates instead of shifting out of range
+        {kIntMax, kIntMin, kIntMax},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << c.bits << ", " << c.shift);
+        EXPECT_EQ(CalculateInputRadius(c.bits, c.shift), c.expected);
+    }
+}
+
+TEST(NullArguments, RefusedWithOneLine) {
+    zeltest::LogCapture log;
+    int32_t value = 5;
+    int shift = 0;
+    float f = 0.0f;
+    CalculateActivationRangeUint8(1, q8({1}), nullptr, &value);
+    CalculateActivationRangeFloat(1, &f, nullptr);
+    EXPECT_FALSE(QuantizeMultiplierSmallerThanOne(0.5, nullptr, &value));
+    EXPECT_FALSE(QuantizeMultiplierGreaterThanOne(3.0, &value, nullptr));
+    EXPECT_FALSE(QuantizeMultiplierGreaterThanOne(3.0, nullptr, &shift));
+    EXPECT_FALSE(
+        GetQuantizedConvolutionMultipler(q8({1}, 0.5f), q8({1}, 0.5f), i32({1}, 0.25f), q8({1}, 1.0f), nullptr));
+    EXPECT_EQ(log.errors().size(), 6u);
+    EXPECT_EQ(log.startingWith("NN_CHECK failed: ").size(), 6u);
+    EXPECT_EQ(value, 5);
+    EXPECT_EQ(f, 0.0f);
+}
+
+}  // namespace

@@ -1,0 +1,40 @@
+# Diagnostics text, runtime binding, controller, voting thread and the
+# plug-in front end.
+set(ZEL_FOUNDATION_EMPTY_LIBDIR ${CMAKE_BINARY_DIR}/foundation-empty-libdir)
+file(MAKE_DIRECTORY ${ZEL_FOUNDATION_EMPTY_LIBDIR})
+
+zel_add_gtest(foundation_text_test
+  SOURCES foundation/text_test.cpp
+  LIBS zel_core)
+
+zel_add_gtest(foundation_binding_test
+  SOURCES foundation/binding_test.cpp
+  LIBS zel_core zel_kestrel_runtime)
+
+# The later LD_LIBRARY_PATH entry wins over the simulator directory.
+zel_add_gtest(foundation_nolib_test
+  SOURCES foundation/nolib_test.cpp
+  LIBS zel_core
+  ENV LD_LIBRARY_PATH=${ZEL_FOUNDATION_EMPTY_LIBDIR})
+
+zel_add_gtest(foundation_noconfig_test
+  SOURCES foundation/noconfig_test.cpp
+  LIBS zel_core
+  ENV LD_LIBRARY_PATH=${CMAKE_BINARY_DIR}/sim-noconfig)
+
+zel_add_gtest(foundation_voting_test
+  SOURCES foundation/voting_test.cpp
+  LIBS zel_core)
+
+zel_add_gtest(foundation_voting_slow_test
+  SOURCES foundation/voting_slow_test.cpp
+  LIBS zel_core
+  LABELS slow)
+
+zel_add_gtest(foundation_frontend_test
+  SOURCES foundation/frontend_test.cpp
+  LIBS zel_core zelhost zel_kestrel_runtime)
+
+if(TARGET zel_kestrel_runtime_noconfig)
+  add_dependencies(foundation_noconfig_test zel_kestrel_runtime_noconfig)
+endif()

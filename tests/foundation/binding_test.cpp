@@ -1,0 +1,265 @@
+// Runtime binding (NnLib) and the controller, against the simulator build of
+// the runtime library. The simulator is linked into this executable too, so
+// its control API and the dlopen'ed library are one and the same instance.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "foundation_support.h"
+#include "log_capture.h"
+#include "zel_accelerator.h"
+#include "zel_utils.h"
+#include "zelsim/control.h"
+
+namespace zel = arv::nnhal::zel;
+using foundation::withoutWorkerLines;
+using testing::ElementsAre;
+using zel::Controller;
+using zel::NnLib;
+
+namespace {
+
+// --- NnLib -------------------------------------------------------------------
+
+class NnLibBinding : public testing::Test {
+protected:
+    void SetUp() override { zelsim::reset(); }
+    void TearDown() override { zelsim::reset(); }
+};
+
+TEST_F(NnLibBinding, LoadsConfiguresOnceAndForwardsResults) {
+    zeltest::LogCapture log;
+    std::shared_ptr<NnLib> lib = NnLib::makeNnLib();
+    ASSERT_TRUE(lib);
+    EXPECT_TRUE(lib->isLoaded());
+    EXPECT_TRUE(lib->hasVersion());
+    EXPECT_TRUE(log.errors().empty());
+    EXPECT_EQ(zelsim::callCount("config"), 1);
+
+    int version = 0;
+    EXPECT_EQ(lib->version(&version), 0);
+    EXPECT_EQ(version, 0x20100);
+
+    int graphId = 0;
+    ASSERT_EQ(lib->init(&graphId), 0);
+    EXPECT_EQ(graphId, zelsim::lastGraphId());
+    EXPECT_TRUE(zelsim::graphExists(graphId));
+
+    // Results come back unchanged, whatever their value.
+    zelsim::failCall("teardown", 1, -5);
+    EXPECT_EQ(lib->teardown(graphId), -5);
+    EXPECT_TRUE(zelsim::graphExists(graphId));
+    EXPECT_EQ(lib->teardown(graphId), 0);
+    EXPECT_FALSE(zelsim::graphExists(graphId));
+    lib->resetFunctors();
+}
+
+TEST_F(NnLibBinding, ResetFunctorsEmptiesTheTableAndCloses) {
+    std::shared_ptr<NnLib> lib = NnLib::makeNnLib();
+    ASSERT_TRUE(lib && lib->isLoaded());
+    lib->resetFunctors();
+    EXPECT_FALSE(lib->isLoaded());
+    EXPECT_FALSE(lib->hasVersion());
+    const int callsBefore = static_cast<int>(zelsim::calls().size());
+    foundation::expectEveryWrapperFails(*lib);
+    // Nothing reached the runtime.
+    EXPECT_EQ(static_cast<int>(zelsim::calls().size()), callsBefore);
+    // A second reset is harmless.
+    lib->resetFunctors();
+    EXPECT_FALSE(lib->isLoaded());
+}
+
+TEST_F(NnLibBinding, ConfigFailureClosesTheLibraryAgain) {
+    zelsim::setConfigResult(1);
+    zeltest::LogCapture log;
+    std::shared_ptr<NnLib> lib = NnLib::makeNnLib();
+    ASSERT_TRUE(lib);
+    EXPECT_FALSE(lib->isLoaded());
+    EXPECT_EQ(zelsim::callCount("config"), 1);
+    int version = 0;
+    EXPECT_EQ(lib->version(&version), -1);
+    EXPECT_EQ(version, 0);
+    EXPECT_EQ(zelsim::callCount("version"), 0);
+    foundation::expectEveryWrapperFails(*lib);
+    EXPECT_TRUE(log.errors().empty());
+}
+
+TEST_F(NnLibBinding, PowersaveLevelIsNeverBound) {
+    std::shared_ptr<NnLib> lib = NnLib::makeNnLib();
+    ASSERT_TRUE(lib && lib->isLoaded());
+    EXPECT_FALSE(lib->hasPowersaveLevel());
+    for (unsigned int level : {0u, 1u, 2u, 0x7FFFFFFFu, 0xFFFFFFFFu}) {
+        EXPECT_EQ(lib->set_powersave_level(level), -1) << level;
+    }
+    lib->resetFunctors();
+}
+
+TEST_F(NnLibBinding, LoadFunctionReportsNullNamesAndMissingSymbols) {
+    std::shared_ptr<NnLib> lib = NnLib::makeNnLib();
+    ASSERT_TRUE(lib && lib->isLoaded());
+    zeltest::LogCapture log;
+    EXPECT_EQ(lib->loadFunction<void*>(nullptr), nullptr);
+    EXPECT_EQ(lib->loadFunction<void*>("kestrel_zel_nn_no_such_entry"), nullptr);
+    EXPECT_NE(lib->loadFunction<void*>("kestrel_zel_nn_version"), nullptr);
+    EXPECT_THAT(log.errors(), ElementsAre("loadFunction -- attempt to load funtion with NULL name",
+                                          "loadFunction -- failed to load function kestrel_zel_nn_no_such_entry"));
+
+    // Without an open library nothing is found, not even a symbol that the
+    // process itself holds.
+    lib->resetFunctors();
+    log.clear();
+    EXPECT_EQ(lib->loadFunction<void*>("kestrel_zel_nn_version"), nullptr);
+    EXPECT_THAT(log.errors(), ElementsAre("loadFunction -- failed to load function kestrel_zel_nn_version"));
+}
+
+TEST_F(NnLibBinding, VotingForwardsToTheThread) {
+    std::shared_ptr<NnLib> lib = NnLib::makeNnLib();
+    ASSERT_TRUE(lib);
+    const uint64_t first = lib->generateVotingToken();
+    const uint64_t second = lib->generateVotingToken();
+    EXPECT_NE(first, 0u);
+    EXPECT_GT(second, first);
+    EXPECT_EQ(lib->votingThread()->tokenTotal(), 2u);
+    EXPECT_EQ(lib->votingThread()->tokenCount(first), 0);
+    lib->asyncVote(first, zel::VotingThread::UP);
+    EXPECT_TRUE(foundation::waitFor([&] { return lib->votingThread()->tokenCount(first) == 1; }));
+    lib->releaseVotingToken(second);
+    // Release waits for its grace period (5 s by default): still queued.
+    EXPECT_EQ(lib->votingThread()->tokenCount(second), 0);
+    lib->resetFunctors();
+}
+
+// --- Controller --------------------------------------------------------------
+
+class ControllerTest : public testing::Test {
+protected:
+    void SetUp() override {
+        zelsim::reset();
+        Controller::getInstance()->resetNnLib();
+    }
+    void TearDown() override {
+        zelsim::reset();
+        Controller::getInstance()->resetNnLib();
+    }
+};
+
+struct HeartbeatCase {
+    const char* name;
+    int version;
+    int result;
+    std::string line;
+    bool healthy;
+};
+
+class ControllerHeartbeat : public ControllerTest, public testing::WithParamInterface<HeartbeatCase> {};
+
+TEST_P(ControllerHeartbeat, ReportsVersionAndHealth) {
+    zelsim::setVersion(GetParam().version, GetParam().result);
+    zeltest::LogCapture log;
+    EXPECT_EQ(Controller::getInstance()->heartBeat(), GetParam().healthy);
+    EXPECT_THAT(withoutWorkerLines(log.texts()),
+                ElementsAre("In Controller::heartBeat()", GetParam().line, "Out Controller::heartBeat()"));
+    EXPECT_TRUE(log.errors().empty());
+}
+
+TEST_P(ControllerHeartbeat, IsZelAvailableWrapsTheHeartbeat) {
+    zelsim::setVersion(GetParam().version, GetParam().result);
+    zeltest::LogCapture log;
+    EXPECT_EQ(zel::isZelAvailable(), GetParam().healthy);
+    EXPECT_THAT(withoutWorkerLines(log.texts()),
+                ElementsAre("In isZelAvailable()", "In Controller::heartBeat()", GetParam().line,
+                            "Out Controller::heartBeat()", "Out isZelAvailable()"));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Versions, ControllerHeartbeat,
+    testing::Values(HeartbeatCase{"expected", 0x20100, 0, "ZEL version: 20100, has error: No", true},
+                    HeartbeatCase{"newer", 0x20101, 0, "ZEL version: 20101, has error: Yes", false},
+                    HeartbeatCase{"older", 0x10000, 0, "ZEL version: 10000, has error: Yes", false},
+                    HeartbeatCase{"lowercase_hex", 0xABCDEF, 0, "ZEL version: abcdef, has error: Yes", false},
+                    HeartbeatCase{"call_fails", 0x20100, 3, "ZEL version: 20100, has error: Yes", false},
+                    HeartbeatCase{"call_fails_negative", 0x20100, -1, "ZEL version: 20100, has error: Yes",
+                                  false}),
+    [](const testing::TestParamInfo<HeartbeatCase>& info) { return std::string(info.param.name); });
+
+TEST_F(ControllerTest, HeartbeatWithUnconfiguredRuntimeReportsVersionZero) {
+    zelsim::setConfigResult(1);
+    EXPECT_TRUE(Controller::getInstance()->resetNnLib());
+    zeltest::LogCapture log;
+    EXPECT_FALSE(Controller::getInstance()->heartBeat());
+    EXPECT_EQ(log.count("ZEL version: 0, has error: Yes"), 1u);
+    EXPECT_EQ(zelsim::callCount("version"), 0);
+}
+
+TEST_F(ControllerTest, TwoResetsInARowEachCloseAndGiveAFreshBinding) {
+    std::shared_ptr<NnLib> first = Controller::getInstance()->getNnLib();
+    const int configsBefore = zelsim::callCount("config");
+    zeltest::LogCapture log;
+    EXPECT_TRUE(Controller::getInstance()->resetNnLib());
+    std::shared_ptr<NnLib> second = Controller::getInstance()->getNnLib();
+    EXPECT_TRUE(Controller::getInstance()->resetNnLib());
+    std::shared_ptr<NnLib> third = Controller::getInstance()->getNnLib();
+
+    EXPECT_THAT(withoutWorkerLines(log.texts()),
+                ElementsAre("NnLib reset !!!", "Closing NnLib()...", "Controller::getNnLib()", "NnLib reset !!!",
+                            "Closing NnLib()...", "Controller::getNnLib()"));
+    ASSERT_TRUE(first && second && third);
+    EXPECT_NE(first, second);
+    EXPECT_NE(second, third);
+    EXPECT_NE(first, third);
+    EXPECT_FALSE(first->isLoaded());
+    EXPECT_FALSE(second->isLoaded());
+    EXPECT_TRUE(third->isLoaded());
+    EXPECT_EQ(zelsim::callCount("config"), configsBefore + 2);
+    EXPECT_TRUE(Controller::getInstance()->heartBeat());
+}
+
+TEST_F(ControllerTest, BindingHeldAcrossAResetAnswersMinusOne) {
+    std::shared_ptr<NnLib> held = Controller::getInstance()->getNnLib();
+    ASSERT_TRUE(held);
+    int graphId = 0;
+    ASSERT_EQ(held->init(&graphId), 0);
+
+    ASSERT_TRUE(Controller::getInstance()->resetNnLib());
+    // The holder keeps the object alive, with its table emptied.
+    int version = 0;
+    EXPECT_EQ(held->version(&version), -1);
+    EXPECT_EQ(held->teardown(graphId), -1);
+    EXPECT_EQ(held->init(&graphId), -1);
+    EXPECT_FALSE(held->isLoaded());
+
+    std::shared_ptr<NnLib> fresh = Controller::getInstance()->getNnLib();
+    ASSERT_TRUE(fresh);
+    EXPECT_NE(fresh, held);
+    EXPECT_EQ(fresh->version(&version), 0);
+    EXPECT_EQ(version, 0x20100);
+    EXPECT_EQ(fresh->teardown(graphId), 0);
+}
+
+TEST_F(ControllerTest, GetNnLibLogsAndSharesTheCurrentBinding) {
+    zeltest::LogCapture log;
+    std::shared_ptr<NnLib> a = Controller::getInstance()->getNnLib();
+    std::shared_ptr<NnLib> b = Controller::getInstance()->getNnLib();
+    EXPECT_EQ(a, b);
+    EXPECT_EQ(log.count("Controller::getNnLib()"), 2u);
+}
+
+TEST_F(ControllerTest, CloseAndOpenByHand) {
+    std::shared_ptr<NnLib> before = Controller::getInstance()->getNnLib();
+    zeltest::LogCapture log;
+    EXPECT_TRUE(Controller::getInstance()->closeNnLib());
+    EXPECT_FALSE(before->isLoaded());
+    // Without a binding the heartbeat does not get as far as a version line.
+    EXPECT_FALSE(Controller::getInstance()->heartBeat());
+    EXPECT_EQ(log.startingWith("ZEL version").size(), 0u);
+    // Closing twice is fine.
+    EXPECT_TRUE(Controller::getInstance()->closeNnLib());
+    EXPECT_EQ(log.count("Closing NnLib()..."), 2u);
+    EXPECT_TRUE(Controller::getInstance()->openNnLib());
+    EXPECT_TRUE(Controller::getInstance()->heartBeat());
+}
+
+}  // namespace

@@ -1,0 +1,133 @@
+#include "graph_decoder.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "zel_accelerator.h"
+
+namespace zelfuzz {
+
+using arv::nnhal::OperandType;
+using arv::nnhal::OperationType;
+using arv::nnhal::host::HostGraph;
+using arv::nnhal::host::Lifetime;
+
+const std::vector<int32_t> kOperationCodes = {0,  1,  2,  3,  4,  9,  17, 19,    20,    21,   22,   23,  36,
+                                              71, 91, 6,  14, 18, 25, 32, 34,    26,    29,   33,   28,  13,
+                                              12, 37, 5,  8,  38, 70, 72, 20000, 20001, -1,   1000, 255, 16};
+const std::vector<float> kScales = {0.5f, 0.25f, 1.0f, 0.0078125f, 0.0f, -1.0f, 0.1f, 2.0f};
+const std::vector<int32_t> kZeroPoints = {0, 128, 255, 1, -1, 256, 127, 64};
+
+namespace {
+
+class Reader {
+public:
+    Reader(const uint8_t* data, size_t size) : mData(data), mSize(size) {}
+    uint8_t u8() { return mPos < mSize ? mData[mPos++] : 0; }
+    int32_t i32() {
+        uint32_t v = 0;
+        for (int i = 0; i < 4; ++i) v |= uint32_t(u8()) << (8 * i);
+        return static_cast<int32_t>(v);
+    }
+
+private:
+    const uint8_t* mData;
+    size_t mSize;
+    size_t mPos = 0;
+};
+
+uint32_t elementBytes(OperandType type) {
+    switch (type) {
+        case OperandType::TENSOR_QUANT8:
+        case OperandType::TENSOR_CUSTOM_BYTE:
+            return 1;
+        default:
+            return 4;
+    }
+}
+
+}  // namespace
+
+std::unique_ptr<HostGraph> decodeGraph(const uint8_t* data, size_t size) {
+    Reader r(data, size);
+    auto graph = std::make_unique<HostGraph>();
+    const uint32_t operandCount = 1 + r.u8() % 24;
+    std::vector<uint32_t> inputs, outputs;
+    for (uint32_t i = 0; i < operandCount; ++i) {
+        const uint8_t t = r.u8();
+        OperandType type = static_cast<OperandType>(t % 6);
+        if (t >= 250) type = static_cast<OperandType>(t == 250 ? 10001 : r.i32());
+        const uint32_t rank = r.u8() % 6;
+        std::vector<uint32_t> dims(rank);
+        for (auto& d : dims) d = r.u8() % 9;
+        const uint8_t q = r.u8();
+        const float scale = kScales[q % kScales.size()];
+        const int32_t zeroPoint = kZeroPoints[(q >> 3) % kZeroPoints.size()];
+        const Lifetime lifetime = static_cast<Lifetime>(r.u8() % 4);
+        std::vector<uint8_t> bytes;
+        if (lifetime == Lifetime::Constant) {
+            uint64_t elements = 1;
+            for (uint32_t d : dims) elements *= d;
+            uint64_t length = std::min<uint64_t>(elements * elementBytes(type), 1 << 16);
+            const uint8_t mode = r.u8() % 8;
+            if (mode == 0) length = 0;
+            if (mode == 1) length -= std::min<uint64_t>(length, 1 + r.u8() % 8);
+            bytes.resize(static_cast<size_t>(length));
+            for (auto& b : bytes) b = r.u8();
+        }
+        const uint32_t index = graph->addOperand(type, dims, scale, zeroPoint, lifetime, bytes);
+        if (lifetime == Lifetime::Input) inputs.push_back(index);
+        if (lifetime == Lifetime::Output) outputs.push_back(index);
+    }
+    const uint32_t operationCount = r.u8() % 6;
+    for (uint32_t i = 0; i < operationCount; ++i) {
+        const OperationType type = static_cast<OperationType>(kOperationCodes[r.u8() % kOperationCodes.size()]);
+        std::vector<uint32_t> ins(r.u8() % 12), outs(r.u8() % 3);
+        for (auto& v : ins) v = r.u8() % (operandCount + 2);
+        for (auto& v : outs) v = r.u8() % (operandCount + 2);
+        graph->addOperation(type, ins, outs);
+    }
+    if (r.u8() % 16 == 15) inputs.push_back(operandCount + r.u8() % 3);  // out of range on purpose
+    graph->setInputs(inputs);
+    graph->setOutputs(outputs);
+    return graph;
+}
+
+void exerciseGraph(HostGraph& graph) {
+    // One accelerator for the whole process: releasing it would reload the
+    // runtime on every input.
+    static arv::nnhal::IAccelerator* accelerator = CreateAccelerator_zel(nullptr);
+    arv::nnhal::host::HostSupportQuery query(graph.getOperationCount());
+    accelerator->isGraphSupported(&graph, &query);
+    arv::nnhal::host::HostExecutorContext context;
+    const auto result = accelerator->createGraphExecutor(&graph, &context);
+    if (result.executor == nullptr) return;
+    std::vector<std::vector<uint8_t>> buffers;
+    auto bind = [&](uint32_t count, bool isInput) {
+        for (uint32_t p = 0; p < count; ++p) {
+            const uint32_t index = isInput ? graph.getInput(p) : graph.getOutput(p);
+            uint64_t bytes = 4;
+            if (index < graph.getOperandCount()) {
+                auto& operand = graph.operand(index);
+                bytes = elementBytes(operand.mType);
+                for (uint32_t d : operand.mDims) bytes *= d;
+            }
+            buffers.emplace_back(static_cast<size_t>(std::min<uint64_t>(bytes, 1 << 20)));
+            auto& buffer = buffers.back();
+            if (isInput) {
+                graph.bindInput(p, buffer.data(), static_cast<uint32_t>(buffer.size()));
+            } else {
+                graph.bindOutput(p, buffer.data(), static_cast<uint32_t>(buffer.size()));
+            }
+        }
+    };
+    buffers.reserve(graph.getInputCount() + graph.getOutputCount());
+    bind(graph.getInputCount(), true);
+    bind(graph.getOutputCount(), false);
+    graph.setExecuting(true);
+    result.executor->execute();
+    graph.setExecuting(false);
+    result.executor->release();
+}
+
+}  // namespace zelfuzz

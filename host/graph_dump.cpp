@@ -19,11 +19,12 @@ namespace {
 constexpr const char kLastGraphIdSymbol[] = "_ZN6zelsim11lastGraphIdEv";
 constexpr const char kRenderDotSymbol[] = "_ZN6zelsim9renderDotB5cxx11Ei";
 constexpr const char kSnpprintSymbol[] = "kestrel_zel_nn_snpprint";
+constexpr const char kGetlogSymbol[] = "kestrel_zel_nn_getlog";
 constexpr const char kRuntimeFile[] = "libzel_kestrel_runtime.so";
 
 using LastGraphIdFn = int (*)();
 using RenderDotFn = std::string (*)(int);
-using SnpprintFn = int (*)(int, unsigned char*, unsigned int);
+using SnpprintFn = int (*)(int, unsigned char*, unsigned int);  // also getlog
 
 constexpr unsigned kListingBytes = 1u << 20;
 // Graph ids probed through snpprint when the runtime does not tell the last one.
@@ -55,18 +56,23 @@ std::string listingToDot(const std::string& listing, const std::string& title) {
     std::string line;
     std::vector<std::pair<unsigned long, std::string>> edges;  // target node, "src:idx"
     while (std::getline(lines, line)) {
+        // An optional leading word ("node", "const"), then the node id.
         size_t pos = 0;
-        while (pos < line.size() && !std::isdigit(static_cast<unsigned char>(line[pos]))) {
-            if (!std::isspace(static_cast<unsigned char>(line[pos])) && line[pos] != '#') break;
-            ++pos;
-        }
+        while (pos < line.size() && (std::isspace(static_cast<unsigned char>(line[pos])) || line[pos] == '#')) ++pos;
+        size_t wordEnd = pos;
+        while (wordEnd < line.size() && std::isalpha(static_cast<unsigned char>(line[wordEnd]))) ++wordEnd;
+        const std::string word = line.substr(pos, wordEnd - pos);
+        pos = wordEnd;
+        while (pos < line.size() && line[pos] == ' ') ++pos;
         if (pos >= line.size() || !std::isdigit(static_cast<unsigned char>(line[pos]))) continue;
         size_t end = pos;
         while (end < line.size() && std::isdigit(static_cast<unsigned char>(line[end]))) ++end;
+        if (end - pos > 9) continue;
         const unsigned long id = std::stoul(line.substr(pos, end - pos));
         std::string rest = line.substr(end);
         while (!rest.empty() && (rest[0] == ':' || rest[0] == ' ')) rest.erase(0, 1);
-        dot << "  n" << id << " [label=\"" << id << ": " << escape(rest) << "\"];\n";
+        dot << "  n" << id << " [" << (word == "const" ? "shape=ellipse, fontsize=9, " : "") << "label=\""
+            << (word.empty() ? "" : word + " ") << id << ": " << escape(rest) << "\"];\n";
         // References: "a:b" or "(a,b)" / "(a, b)" after the id.
         for (size_t i = 0; i < rest.size(); ++i) {
             if (!std::isdigit(static_cast<unsigned char>(rest[i])) ||
@@ -138,6 +144,19 @@ std::string dumpLastRuntimeGraph(void* runtimeHandle, std::string& error) {
     if (runtimeHandle == nullptr) dlclose(handle);  // drops the reference NOLOAD took
     if (result.empty()) error = "the runtime has no graph to render";
     return result;
+}
+
+std::string lastRuntimeLog(void* runtimeHandle) {
+    void* handle = runtimeHandle != nullptr ? runtimeHandle : dlopen(kRuntimeFile, RTLD_NOW | RTLD_NOLOAD);
+    if (handle == nullptr) return "";
+    auto lastGraphId = reinterpret_cast<LastGraphIdFn>(dlsym(handle, kLastGraphIdSymbol));
+    auto getlog = reinterpret_cast<SnpprintFn>(dlsym(handle, kGetlogSymbol));
+    std::string text;
+    const int graphId = lastGraphId != nullptr ? lastGraphId() : 0;
+    if (graphId > 0 && getlog != nullptr && !listing(getlog, graphId, text)) text.clear();
+    if (runtimeHandle == nullptr) dlclose(handle);
+    while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.pop_back();
+    return text;
 }
 
 }  // namespace host

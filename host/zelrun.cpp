@@ -214,6 +214,23 @@ private:
     bool mShown = false;
 };
 
+// Writes the runtime graph last built as DOT; false (with a message) when
+// it cannot.
+bool dumpGraph(PluginLoader& loader, const std::string& path) {
+    std::string error;
+    const std::string dot = dumpLastRuntimeGraph(loader.runtimeHandle(), error);
+    if (dot.empty()) {
+        std::cerr << "zelrun: cannot dump the runtime graph: " << error << "\n";
+        return false;
+    }
+    if (!writeFile(path, dot)) {
+        std::cerr << "zelrun: cannot write " << path << "\n";
+        return false;
+    }
+    std::cout << "runtime graph written to " << path << "\n";
+    return true;
+}
+
 // ---- one model --------------------------------------------------------------
 
 int runModel(const Options& options, PluginLoader& loader) {
@@ -275,27 +292,20 @@ int runModel(const Options& options, PluginLoader& loader) {
 
     HostExecutorContext context;
     const CreateExecutorResult created = accelerator->createGraphExecutor(&graph, &context);
-    if (created.status != Status::SUCCESS || created.executor == nullptr) {
+    const bool ready = created.status == Status::SUCCESS && created.executor != nullptr;
+    // Drawn also when the runtime refused the graph: the graph it was given
+    // is what explains the refusal.
+    const bool dumped = options.dumpGraph.empty() || dumpGraph(loader, options.dumpGraph);
+    if (!ready) {
         std::cerr << "zelrun: createGraphExecutor returned status " << static_cast<int32_t>(created.status) << "\n";
+        const std::string runtimeLog = lastRuntimeLog(loader.runtimeHandle());
+        if (!runtimeLog.empty()) std::cerr << "zelrun: the runtime's log: " << runtimeLog << "\n";
         if (created.executor != nullptr) created.executor->release();
         accelerator->release();
         return kFailure;
     }
-    int code = kRan;
-    if (!options.dumpGraph.empty()) {
-        error.clear();
-        const std::string dot = dumpLastRuntimeGraph(loader.runtimeHandle(), error);
-        if (dot.empty()) {
-            std::cerr << "zelrun: cannot dump the runtime graph: " << error << "\n";
-            code = kFailure;
-        } else if (!writeFile(options.dumpGraph, dot)) {
-            std::cerr << "zelrun: cannot write " << options.dumpGraph << "\n";
-            code = kFailure;
-        } else {
-            std::cout << "runtime graph written to " << options.dumpGraph << "\n";
-        }
-    }
 
+    int code = kRan;
     std::vector<double> latencies;
     {
         Progress progress(options.repeat);
@@ -346,7 +356,7 @@ int runModel(const Options& options, PluginLoader& loader) {
         std::cout << "outputs match the expected values (tolerance " << model.tolerance << ", largest difference "
                   << comparison.maxDifference << ")\n";
     }
-    return code;
+    return code == kRan && !dumped ? kFailure : code;
 }
 
 // ---- conformance folder -----------------------------------------------------

@@ -76,6 +76,8 @@ public:
     size_t tokenTotal();
     // Test observation: number of queued messages.
     size_t queueSize();
+    // Test observation: number of queued messages of one type.
+    size_t queuedCount(Message::Type type);
 
 private:
     void votingThreadFunc();
@@ -110,6 +112,9 @@ public:
     // New binding with the library loaded (an empty table when loading
     // failed); empty only when loading threw.
     static std::shared_ptr<NnLib> makeNnLib();
+    // Test-only: queue delays (and clock) of the voting thread of every
+    // NnLib that makeNnLib creates from now on. Production code never calls it.
+    static void setDelaysForTest(const VotingThread::Delays& delays);
 
     // Opens the library and binds the table; a bad configuration closes it again.
     void load();
@@ -251,6 +256,9 @@ public:
     void isGraphSupported(IGraph* graph, IGraphOperationSupportLevelQuery* query) override;
     CreateExecutorResult createGraphExecutor(IGraph* graph, IExecutorContext* context) override;
     void release() override;
+
+    // The host context given to the factory (kept, not used).
+    IAcceleratorContext* context() const { return mContext; }
 
 private:
     static std::string mIdentifier;

@@ -216,7 +216,7 @@ private:
 
     uint32_t mGraphId;
     uint32_t mNodeId;
-    bool mPrepared;
+    bool mPrepared;  // read by prepare; nothing sets it, so every prepare builds a new graph
     int32_t mModelPrepareErrorCode;
     std::shared_ptr<NnLib> mNnLib;
     std::vector<OperandInfo> mOperands;

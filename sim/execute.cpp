@@ -185,7 +185,9 @@ int executeGraph(State& s, Graph& g, const kestrel_zel_nn_tensordef* inputs, uin
         const Node& n = g.nodes[i];
         if (!n.accepted || n.isConst) continue;
         const std::string error = run.node(i, inputs, outputs);
-        if (!error.empty()) return g.fail("execute: node " + std::to_string(n.id) + " (" + opName(n.op) + "): " + error);
+        if (!error.empty()) {
+            return g.fail("execute: node " + std::to_string(n.id) + " (" + opName(n.op) + "): " + error);
+        }
     }
     return 0;
 }

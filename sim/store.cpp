@@ -147,13 +147,16 @@ void State::clear() {
     passThrough = false;
 }
 
+// A plain static: the plug-in closes and reopens the runtime, and each
+// close must give every byte back.
 State& state() {
-    static State* const s = [] {
-        auto* created = new State;  // never destroyed: threads may call in while the process exits
-        armFaults(*created, std::getenv("ZELSIM_FAULTS"));
-        return created;
+    static State s;
+    static const bool armed = [] {
+        armFaults(s, std::getenv("ZELSIM_FAULTS"));
+        return true;
     }();
-    return *s;
+    (void)armed;
+    return s;
 }
 
 namespace {

@@ -93,7 +93,8 @@ struct State {
     void clear();
 };
 
-// The process-wide store (created when the library loads, never destroyed).
+// The process-wide store (created when the library loads, destroyed when
+// it is unloaded).
 State& state();
 
 // Name of op code `op` for messages and renderings: "ZEL_OP_" and the op

@@ -153,7 +153,9 @@ int appendConstNode(State& s, Graph& g, uint32_t nodeId, const uint32_t dims[4],
         n.constant.dims[i] = dims[i];
         elements *= dims[i];
     }
-    if (dataLen > 0 && data == nullptr) return keep(g, std::move(n), "data is null with " + std::to_string(dataLen) + " bytes");
+    if (dataLen > 0 && data == nullptr) {
+        return keep(g, std::move(n), "data is null with " + std::to_string(dataLen) + " bytes");
+    }
     if (s.passThrough) {
         g.unchecked = true;
     } else {

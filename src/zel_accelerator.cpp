@@ -116,6 +116,12 @@ size_t VotingThread::queueSize() {
     return mQueue.size();
 }
 
+size_t VotingThread::queuedCount(Message::Type type) {
+    std::lock_guard<std::mutex> lock(mMutex);
+    return static_cast<size_t>(
+        std::count_if(mQueue.begin(), mQueue.end(), [type](const Message& queued) { return queued.type == type; }));
+}
+
 void VotingThread::votingThreadFunc() {
     handle_debug_info("Starting VotingThread ...");
     waitForVote();
@@ -243,9 +249,25 @@ NnLib::NnLib(VotingThread::Delays delays) : mVotingThread(std::make_unique<Votin
 // The library is not closed here: closing is the controller's business.
 NnLib::~NnLib() = default;
 
+namespace {
+// Set only by tests, through NnLib::setDelaysForTest.
+std::mutex gTestDelaysMutex;
+std::unique_ptr<VotingThread::Delays> gTestDelays;
+}  // namespace
+
+void NnLib::setDelaysForTest(const VotingThread::Delays& delays) {
+    std::lock_guard<std::mutex> lock(gTestDelaysMutex);
+    gTestDelays = std::make_unique<VotingThread::Delays>(delays);
+}
+
 std::shared_ptr<NnLib> NnLib::makeNnLib() {
     try {
-        std::shared_ptr<NnLib> lib(new NnLib);
+        std::unique_ptr<VotingThread::Delays> delays;
+        {
+            std::lock_guard<std::mutex> lock(gTestDelaysMutex);
+            if (gTestDelays) delays = std::make_unique<VotingThread::Delays>(*gTestDelays);
+        }
+        std::shared_ptr<NnLib> lib(delays ? new NnLib(*delays) : new NnLib);
         lib->load();
         return lib;
     } catch (...) {
@@ -578,6 +600,7 @@ void ZelAccelerator::release() {
         Controller::getInstance()->resetNnLib();
     } catch (...) {
     }
+    mContext = nullptr;  // the host's, not ours: only forgotten
     delete this;
 }
 

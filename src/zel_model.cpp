@@ -31,10 +31,14 @@ bool isScalar(OperandType type) {
            type == OperandType::SCALAR_UNSIGNED_INT32;
 }
 
-std::string decimal(uint32_t value) { return std::to_string(value); }
+std::string decimal(uint32_t value) {
+    return std::to_string(value);
+}
 
 // Record of a float range value (min or max of a quantized value).
-output rangeRecord() { return make_kestrel_nn_output({1, 1, 1, 1}, 4); }
+output rangeRecord() {
+    return make_kestrel_nn_output({1, 1, 1, 1}, 4);
+}
 
 void appendAll(std::vector<input>* list, const std::vector<input>& more) {
     list->insert(list->end(), more.begin(), more.end());
@@ -183,8 +187,8 @@ bool ZelModel::validOperands(const std::vector<uint32_t>& indices, const char* w
     for (size_t position = 0; position < indices.size(); ++position) {
         if (indices[position] >= mOperands.size()) {
             ZEL_LOG_LOCATED((what != nullptr ? what : "Operand")
-                            << " " << position << " refers to operand " << indices[position]
-                            << " outside the graph (" << mOperands.size() << " operands)");
+                            << " " << position << " refers to operand " << indices[position] << " outside the graph ("
+                            << mOperands.size() << " operands)");
             return false;
         }
     }
@@ -270,7 +274,9 @@ std::vector<uint32_t> ZelModel::getOriginalDimensions(const OperandInfo& operand
     return getDimensions(operand, true);
 }
 
-uint32_t ZelModel::getNextNode() { return ++mNodeId; }
+uint32_t ZelModel::getNextNode() {
+    return ++mNodeId;
+}
 
 uint32_t ZelModel::outputElementSize(const OperandInfo& operand) {
     return operand.type == OperandType::TENSOR_CUSTOM_BYTE ? operand.elementSize : getSize(operand.type);
@@ -283,9 +289,9 @@ input ZelModel::createTensorInternal(uint32_t batches, uint32_t height, uint32_t
                                      const uint8_t* data, uint32_t length) {
     // The id is used up even when the runtime refuses the node.
     const uint32_t id = ++mNodeId;
-    const int rc = mNnLib ? mNnLib->append_const_node(static_cast<int>(mGraphId), id, batches, height, width,
-                                                      depth, data, length)
-                          : -1;
+    const int rc =
+        mNnLib ? mNnLib->append_const_node(static_cast<int>(mGraphId), id, batches, height, width, depth, data, length)
+               : -1;
     handle_debug_info("Create const node, id: " + decimal(id));
     if (rc != 0) {
         ZEL_LOG_LOCATED("Failed to create tensor");
@@ -314,8 +320,8 @@ input ZelModel::addOperand(uint32_t index) {
 
     const std::vector<uint32_t> dimensions = getAlignedDimensions(getDimensions(operand, true), 4);
     ZEL_CHECK_NE(0ul, dimensions.size(), input{}, "Rank must be at most 4");
-    operand.kestrel_input = createTensorInternal(dimensions[0], dimensions[1], dimensions[2], dimensions[3],
-                                                 operand.data, operand.length);
+    operand.kestrel_input =
+        createTensorInternal(dimensions[0], dimensions[1], dimensions[2], dimensions[3], operand.data, operand.length);
     ZEL_CHECK_NE(kestrel_zel_nn_input{}, operand.kestrel_input, input{}, "Failed to add operand");
     return operand.kestrel_input;
 }
@@ -342,7 +348,7 @@ const input& ZelModel::getQuantizationMin(uint32_t index) {
     if (operand.type == OperandType::TENSOR_INT32) {
         base = -2147483648.0f;
     } else if (operand.type == OperandType::TENSOR_QUANT8) {
-        base = -static_cast<float>(operand.zeroPoint);
+        base = static_cast<float>(-static_cast<int64_t>(operand.zeroPoint));  // +0.0 for zero point 0
     }
     const float value = operand.scale * base;
     handle_debug_info("Added quantization min node for operand: " + decimal(index));
@@ -377,8 +383,8 @@ bool ZelModel::transposedData(uint32_t index, uint64_t rows, uint64_t cols, std:
     // `length` bytes of the result: both must be exactly the data held.
     if (needed != operand.length || (needed != 0 && operand.data == nullptr)) {
         ZEL_LOG_LOCATED("Operand " << index << " holds " << operand.length << " bytes of data, but its dimensions "
-                                   << "need " << (needed == kSizeCap ? std::string("more than 2^32")
-                                                                       : std::to_string(needed)));
+                                   << "need "
+                                   << (needed == kSizeCap ? std::string("more than 2^32") : std::to_string(needed)));
         return false;
     }
     out->clear();
@@ -448,8 +454,7 @@ input ZelModel::createQuantizationValue(uint32_t index, int32_t value) {
     const OperandInfo& operand = mOperands[index];
     handle_debug_info("Create quantization value, operand: " + decimal(index) + ", value: " + std::to_string(value));
     // 32-bit subtraction with wrap-around, then a single-precision product.
-    const int32_t steps =
-        static_cast<int32_t>(static_cast<uint32_t>(value) - static_cast<uint32_t>(operand.zeroPoint));
+    const int32_t steps = static_cast<int32_t>(static_cast<uint32_t>(value) - static_cast<uint32_t>(operand.zeroPoint));
     return createFloatConstant(operand.scale * static_cast<float>(steps));
 }
 
@@ -643,10 +648,10 @@ bool ZelModel::addFusedQuant8Operation(zel_op_type_enum baseOp, int32_t padding,
     if (!biasInputs.empty()) {
         const uint32_t base = node;
         handle_debug_info("Creating bias operation node ...");
-        node = addOperationInternal(ZEL_OP_QuantizedBiasAdd_32p32to32, 0,
-                                    {input{base, 0}, biasInputs[0], input{base, 1}, input{base, 2}, biasInputs[1],
-                                     biasInputs[2]},
-                                    {wide, range, range});
+        node = addOperationInternal(
+            ZEL_OP_QuantizedBiasAdd_32p32to32, 0,
+            {input{base, 0}, biasInputs[0], input{base, 1}, input{base, 2}, biasInputs[1], biasInputs[2]},
+            {wide, range, range});
         ZEL_CHECK_NE(0, node, false, "Error adding bias operation");
     }
 
@@ -673,8 +678,7 @@ bool ZelModel::addFusedQuant8Operation(zel_op_type_enum baseOp, int32_t padding,
 }
 
 bool ZelModel::addQuant8OperationWithActivation(zel_op_type_enum op, int32_t padding, zel_op_type_enum activation,
-                                                const std::vector<input>& inputs,
-                                                const std::vector<uint32_t>& outs) {
+                                                const std::vector<input>& inputs, const std::vector<uint32_t>& outs) {
     const std::vector<output> records = getZelOutputs(outs);
     handle_debug_info("Creating base operation node ...");
     uint32_t node = addOperationInternal(op, padding, inputs, records);
@@ -691,8 +695,7 @@ bool ZelModel::addQuant8OperationWithActivation(zel_op_type_enum op, int32_t pad
 }
 
 bool ZelModel::addFloatOperationWithActivation(zel_op_type_enum op, int32_t padding, zel_op_type_enum activation,
-                                               const std::vector<input>& inputs,
-                                               const std::vector<uint32_t>& outs) {
+                                               const std::vector<input>& inputs, const std::vector<uint32_t>& outs) {
     const std::vector<output> records = getZelOutputs(outs);
     // The activation's constants come before the base node.
     const std::vector<input> args = setupActivationArgs(activation);
@@ -915,13 +918,11 @@ bool ZelModel::prepare(ExecutionPerformance /*performance*/) {
         ZEL_CHECK_EQ(0, mModelPrepareErrorCode, false, "Zel could not allocate new graph");
         ZEL_CHECK_NE(0, mGraphId, false, "Zel could not allocate new graph");
 
-        mModelPrepareErrorCode =
-            mNnLib->set_config_params(static_cast<int>(mGraphId), ZEL_NN_CONFIG_DEFAULT, nullptr);
+        mModelPrepareErrorCode = mNnLib->set_config_params(static_cast<int>(mGraphId), ZEL_NN_CONFIG_DEFAULT, nullptr);
         ZEL_CHECK_EQ(0, mModelPrepareErrorCode, false, "mNnLib->set_config_params() failed");
 
         mModelPrepareErrorCode = mNnLib->set_debug_level(static_cast<int>(mGraphId), 0);
-        handle_debug_info("mNnLib->set_debug_level() finished, error code: " +
-                          std::to_string(mModelPrepareErrorCode));
+        handle_debug_info("mNnLib->set_debug_level() finished, error code: " + std::to_string(mModelPrepareErrorCode));
         ZEL_CHECK_EQ(0, mModelPrepareErrorCode, false, "mNnLib->set_debug_level() failed");
 
         // Keep the accelerator powered while nodes are appended.
@@ -1151,7 +1152,9 @@ bool operator==(const kestrel_zel_nn_input& a, const kestrel_zel_nn_input& b) {
     return a.src_id == b.src_id && a.output_idx == b.output_idx;
 }
 
-bool operator!=(const kestrel_zel_nn_input& a, const kestrel_zel_nn_input& b) { return !(a == b); }
+bool operator!=(const kestrel_zel_nn_input& a, const kestrel_zel_nn_input& b) {
+    return !(a == b);
+}
 
 bool operator==(const kestrel_zel_nn_output& a, const kestrel_zel_nn_output& b) {
     if (a.rank != b.rank || a.elementsize != b.elementsize || a.zero_offset != b.zero_offset ||
@@ -1164,4 +1167,6 @@ bool operator==(const kestrel_zel_nn_output& a, const kestrel_zel_nn_output& b) 
     return true;
 }
 
-bool operator!=(const kestrel_zel_nn_output& a, const kestrel_zel_nn_output& b) { return !(a == b); }
+bool operator!=(const kestrel_zel_nn_output& a, const kestrel_zel_nn_output& b) {
+    return !(a == b);
+}

@@ -79,7 +79,7 @@ struct Window {
 };
 
 // SAME padding of one axis; the larger half of an odd total goes to the
-// tail (right or bottom). A stride of 0 counts as no output.
+// tail (right or bottom). A stride below 1 counts as no output.
 void samePads(int64_t in, int64_t stride, int64_t filter, int32_t* head, int32_t* tail) {
     const int64_t out = stride > 0 ? (stride + in - 1) / stride : 0;
     const int64_t needed = (out - 1) * stride + filter;
@@ -336,12 +336,6 @@ bool resize_bilinear(const Ins& ins, const Ins& outs, ZelModel* model) {
     const int32_t height = model->getScalar<int32_t>(ins[2]);
     Shape output = model->getShape(outs[0]);
     return storeShape(resizeBilinearPrepare(model->getShape(ins[0]), width, height, &output), model, outs[0], output);
-}
-
-bool transpose_conv_2d(const Ins& /*ins*/, const Ins& /*outs*/, ZelModel* /*model*/) {
-    // Registered, but the accelerator has no transposed convolution: always
-    // refused, and the summary line of the query says so.
-    return false;
 }
 
 bool dequantize(const Ins& ins, const Ins& outs, ZelModel* model) {

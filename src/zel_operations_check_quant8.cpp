@@ -187,7 +187,7 @@ struct Window {
 };
 
 // SAME padding of one axis; the larger half of an odd total goes to the
-// tail (right or bottom). A stride of 0 counts as no output.
+// tail (right or bottom). A stride below 1 counts as no output.
 void samePads(int64_t in, int64_t stride, int64_t filter, int32_t* head, int32_t* tail) {
     const int64_t out = stride > 0 ? (stride + in - 1) / stride : 0;
     const int64_t needed = (out - 1) * stride + filter;
@@ -228,9 +228,16 @@ void readWindow(ZelModel* model, const Ins& ins, bool explicitForm, size_t first
     window->padding = getPadding(static_cast<unsigned int>(code));
 }
 
-// The accelerator node code of the fused activation held by `index`.
-zel_op_type_enum activationOf(ZelModel* model, uint32_t index) {
-    return getQuantizedActivationFunction(static_cast<ActivationFunc>(model->getScalar<int32_t>(index)));
+// True when the fused activation held by `index` maps to a node code the
+// accelerator can fuse; otherwise one line naming the code.
+bool activationFusable(ZelModel* model, uint32_t index) {
+    const zel_op_type_enum activation =
+        getQuantizedActivationFunction(static_cast<ActivationFunc>(model->getScalar<int32_t>(index)));
+    if (!fusedActivationCheck(activation)) {
+        ZEL_LOG_LOCATED("Fused quantized activation " << toString(activation) << " is not supported");
+        return false;
+    }
+    return true;
 }
 
 // Shape inference result written into the output operand, with the two
@@ -269,11 +276,7 @@ bool convolution(const Ins& ins, const Ins& outs, ZelModel* model, OperationType
     ZEL_CHECK_NE(pad, ZEL_NN_PAD_NA, false, "Unknown padding");
 
     // The activation is the last input in both forms.
-    const zel_op_type_enum activation = activationOf(model, ins.back());
-    if (!fusedActivationCheck(activation)) {
-        ZEL_LOG_LOCATED("Fused quantized activation " << toString(activation) << " is not supported");
-        return false;
-    }
+    if (!activationFusable(model, ins.back())) return false;
 
     Shape output = model->getShape(outs[0]);
     const bool inferred =
@@ -294,12 +297,12 @@ bool convolution(const Ins& ins, const Ins& outs, ZelModel* model, OperationType
 
 bool fusedActivationCheck(zel_op_type_enum code) {
     // A fixed set, kept as it is: 89 has no name but is accepted.
-    switch (static_cast<int32_t>(code)) {
-        case 2:   // ZEL_OP_Nop
-        case 21:  // ZEL_OP_QuantizedRelu_8
-        case 23:  // ZEL_OP_QuantizedReluX_8
-        case 89:
-        case 167:  // ZEL_OP_QuantizedClamp_8
+    switch (code) {
+        case ZEL_OP_Nop:
+        case ZEL_OP_QuantizedRelu_8:
+        case ZEL_OP_QuantizedReluX_8:
+        case ZEL_OP_QuantizedActivation89:
+        case ZEL_OP_QuantizedClamp_8:
             return true;
         default:
             return false;
@@ -311,11 +314,7 @@ bool elementWiseOpCheck(const Ins& ins, const Ins& outs, ZelModel* model, Operat
     ZEL_CHECK_EQ(1, outs.size(), false, "Need 1 output for " << toString(type));
     if (!operandsReadable(ins, outs, model, type)) return false;
 
-    const zel_op_type_enum activation = activationOf(model, ins[2]);
-    if (!fusedActivationCheck(activation)) {
-        ZEL_LOG_LOCATED("Fused quantized activation " << toString(activation) << " is not supported");
-        return false;
-    }
+    if (!activationFusable(model, ins[2])) return false;
     Shape output = model->getShape(outs[0]);
     return storeShape(addMulPrepare(model->getShape(ins[0]), model->getShape(ins[1]), &output), model, outs[0], output);
 }
@@ -340,11 +339,7 @@ bool pool(const Ins& ins, const Ins& outs, ZelModel* model, OperationType type) 
     const padding_type_enum pad = window.padding;
     ZEL_CHECK_NE(pad, ZEL_NN_PAD_NA, false, "Unknown padding");
 
-    const zel_op_type_enum activation = activationOf(model, ins.back());
-    if (!fusedActivationCheck(activation)) {
-        ZEL_LOG_LOCATED("Fused quantized activation " << toString(activation) << " is not supported");
-        return false;
-    }
+    if (!activationFusable(model, ins.back())) return false;
     Shape output = model->getShape(outs[0]);
     const bool inferred =
         genericPoolingPrepare(input, window.padLeft, window.padRight, window.padTop, window.padBottom, window.strideW,
@@ -445,11 +440,7 @@ bool fully_connected(const Ins& ins, const Ins& outs, ZelModel* model) {
     ZEL_CHECK_EQ(1, outs.size(), false, "Need 1 output for " << toString(type));
     if (!operandsReadable(ins, outs, model, type)) return false;
 
-    const zel_op_type_enum activation = activationOf(model, ins[3]);
-    if (!fusedActivationCheck(activation)) {
-        ZEL_LOG_LOCATED("Fused quantized activation " << toString(activation) << " is not supported");
-        return false;
-    }
+    if (!activationFusable(model, ins[3])) return false;
     Shape output = model->getShape(outs[0]);
     const bool inferred =
         fullyConnectedPrepare(model->getShape(ins[0]), model->getShape(ins[1]), model->getShape(ins[2]), &output);

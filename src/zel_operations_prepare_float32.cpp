@@ -55,12 +55,14 @@ bool checkNamed(ZelModel* model, const Ins& ins, bool inputsOk, const std::strin
 
 int32_t scalar(ZelModel* model, uint32_t index) { return model->getScalar<int32_t>(index); }
 
+// One 4-byte float constant of shape 1x1x1x1.
 input floatConstant(ZelModel* model, float value) {
     uint8_t bytes[sizeof(float)];
     std::memcpy(bytes, &value, sizeof(bytes));
     return model->createTensorInternal(1, 1, 1, 1, bytes, sizeof(bytes));
 }
 
+// An int32 constant of the given dims holding `values`.
 input int32Constant(ZelModel* model, uint32_t batches, uint32_t height, uint32_t width, uint32_t depth,
                     const std::vector<int32_t>& values) {
     std::vector<uint8_t> bytes(values.size() * sizeof(int32_t));

@@ -32,8 +32,8 @@ using Ins = std::vector<uint32_t>;
 using Inputs = std::vector<input>;
 
 // Count checks and operand guards shared by every function. The output
-// count line keeps the runtime-side habit of printing the actual count on
-// the left: "failed 1 == outs.size() (2 == 1): Need 1 output for ...".
+// count line prints the actual count on the left, as this plug-in always
+// has: "failed 1 == outs.size() (2 == 1): Need 1 output for ...".
 bool checkFrame(ZelModel* model, const Ins& ins, bool inputsOk, const std::string& inputsText, const Ins& outs,
                 uint32_t outputsNeeded, const std::string& outputsText) {
     if (!inputsOk) {
@@ -73,7 +73,7 @@ input floatConstant(ZelModel* model, float value) {
     return model->createTensorInternal(1, 1, 1, 1, bytes, sizeof(bytes));
 }
 
-// An int32 constant of shape 1x1x1xN holding `values`.
+// An int32 constant of the given dims holding `values`.
 input int32Constant(ZelModel* model, uint32_t batches, uint32_t height, uint32_t width, uint32_t depth,
                     const std::vector<int32_t>& values) {
     std::vector<uint8_t> bytes(values.size() * sizeof(int32_t));
@@ -174,7 +174,6 @@ bool pool(const Ins& ins, const Ins& outs, ZelModel* model, zel_op_type_enum op,
         return false;
     }
     const bool explicitForm = ins.size() == 10;
-    handle_debug_info("Creating quantization nodes for inputs ...");
     const input in = model->getTensor(ins[0]);
     handle_debug_info(parsingText);
     Window w;

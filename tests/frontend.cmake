@@ -9,7 +9,7 @@ set(ZEL_FRONTEND_DEFINITIONS
   ZEL_CROSSCOMPILING=$<BOOL:${CMAKE_CROSSCOMPILING}>)
 
 zel_add_gtest(frontend_model_file_test
-  SOURCES frontend/model_file_test.cpp
+  SOURCES frontend/model_file_test.cpp frontend/graph_dump_test.cpp
   LIBS zelhost
   LABELS frontend)
 target_compile_definitions(frontend_model_file_test PRIVATE ${ZEL_FRONTEND_DEFINITIONS})

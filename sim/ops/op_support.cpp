@@ -48,6 +48,8 @@ Dims4 recordDims(const kestrel_zel_nn_output& record) {
 // ---------------------------------------------------------------------------
 // Quantization arithmetic
 
+uint8_t Affine8::quantize(double real) const { return roundClampU8(position(real)); }
+
 double Affine8::maxAbs() const { return std::max(std::fabs(value(0)), std::fabs(value(255))); }
 
 bool makeAffine8(float min, float max, Affine8* out) {
@@ -159,7 +161,7 @@ std::string Validator::outputText(size_t i, const char* role) const {
 bool Validator::inputCount(size_t n) {
     if (mArgs.size() == n) return true;
     std::ostringstream s;
-    s << "expects " << n << " inputs, got " << mArgs.size();
+    s << "expects " << n << (n == 1 ? " input" : " inputs") << ", got " << mArgs.size();
     return fail(s.str());
 }
 
@@ -173,7 +175,7 @@ bool Validator::inputCountAtLeast(size_t n) {
 bool Validator::outputCount(size_t n) {
     if (mNode.outputs.size() == n) return true;
     std::ostringstream s;
-    s << "expects " << n << " outputs, got " << mNode.outputs.size();
+    s << "expects " << n << (n == 1 ? " output" : " outputs") << ", got " << mNode.outputs.size();
     return fail(s.str());
 }
 
@@ -396,7 +398,7 @@ bool Run::range32(size_t minIdx, size_t maxIdx, double* step) {
 bool Run::output(size_t i, const Dims4& dims, uint32_t elementSize, uint8_t** data) {
     Tensor& t = mOutputs[i];
     const Dims4 have(t.dims[0], t.dims[1], t.dims[2], t.dims[3]);
-    if (have != dims || t.elementSize != elementSize) {
+    if (have != dims || t.elementSize != elementSize || dims.count() == UINT32_MAX) {
         std::ostringstream s;
         s << "output " << i << " is " << have.str() << " with element size " << t.elementSize << ", the result is "
           << dims.str() << " with element size " << elementSize;

@@ -47,6 +47,10 @@ struct Affine8 {
     double value(uint32_t q) const {
         return integral ? (static_cast<double>(q) - zero) * step : min + static_cast<double>(q) * step;
     }
+    // Inverse of value(): the (unrounded) position of a real value.
+    double position(double real) const { return integral ? real / step + zero : (real - min) / step; }
+    // Nearest byte of a real value, clamped to [0, 255].
+    uint8_t quantize(double real) const;
     // Largest magnitude of any representable value.
     double maxAbs() const;
 };
@@ -149,6 +153,30 @@ private:
 // element (SAME: half the total, the odd pixel going to the end). False
 // when VALID leaves no output or the stride is 0.
 bool windowAxis(uint32_t in, uint32_t window, uint32_t stride, bool same, uint32_t* out, uint32_t* padBefore);
+
+// Calls f(outIndex, aIndex, bIndex) for every element of the broadcast
+// shape `out` of a and b (row-major, depth fastest).
+template <typename F>
+void forEachBroadcast(const Dims4& out, const Dims4& a, const Dims4& b, F f) {
+    uint32_t sa[4], sb[4];
+    uint32_t pa = 1, pb = 1;
+    for (int i = 3; i >= 0; --i) {
+        sa[i] = a.d[i] == 1 ? 0 : pa;
+        sb[i] = b.d[i] == 1 ? 0 : pb;
+        pa *= a.d[i];
+        pb *= b.d[i];
+    }
+    uint32_t o = 0;
+    for (uint32_t n = 0; n < out.d[0]; ++n) {
+        for (uint32_t h = 0; h < out.d[1]; ++h) {
+            for (uint32_t w = 0; w < out.d[2]; ++w) {
+                const uint32_t ia = n * sa[0] + h * sa[1] + w * sa[2];
+                const uint32_t ib = n * sb[0] + h * sb[1] + w * sb[2];
+                for (uint32_t c = 0; c < out.d[3]; ++c) f(o++, ia + c * sa[3], ib + c * sb[3]);
+            }
+        }
+    }
+}
 
 // Broadcast of two 4-D shapes, trailing-aligned: each dim equal or one of
 // them 1. False when they do not broadcast.

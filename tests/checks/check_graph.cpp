@@ -53,13 +53,17 @@ uint32_t OpGraph::int32Tensor(std::vector<uint32_t> dims, const std::vector<int3
     return graph.addInt32Tensor(std::move(dims), 0.0f, values);
 }
 
-uint32_t OpGraph::scalar(int32_t value) { return graph.addInt32(value); }
+uint32_t OpGraph::scalar(int32_t value) {
+    return graph.addInt32(value);
+}
 
 uint32_t OpGraph::emptyScalar() {
     return graph.addOperand(OperandType::SCALAR_INT32, {}, 0.0f, 0, Lifetime::Constant, {});
 }
 
-void OpGraph::setScalar(uint32_t operand, int32_t value) { graph.operand(operand).mData = int32Bytes({value}); }
+void OpGraph::setScalar(uint32_t operand, int32_t value) {
+    graph.operand(operand).mData = int32Bytes({value});
+}
 
 void OpGraph::setInt32s(uint32_t operand, const std::vector<int32_t>& values) {
     graph.operand(operand).mData = int32Bytes(values);
@@ -125,7 +129,9 @@ void windowParams(OpGraph& g, Form form) {
     g.ins.push_back(g.scalar(2));
 }
 
-bool same(Form form) { return form == Form::ImplicitSame || form == Form::ExplicitSame; }
+bool same(Form form) {
+    return form == Form::ImplicitSame || form == Form::ExplicitSame;
+}
 
 }  // namespace
 

@@ -27,15 +27,17 @@ using arv::nnhal::host::HostGraph;
 using arv::nnhal::host::Lifetime;
 using arv::nnhal::zel::Controller;
 using arv::nnhal::zel::input;
-using arv::nnhal::zel::output;
 using arv::nnhal::zel::OperandInfo;
+using arv::nnhal::zel::output;
 using arv::nnhal::zel::ZelModel;
 
 // {src_id, output_idx} pairs, for comparing reference lists at a glance.
 using Ref = std::pair<uint32_t, uint32_t>;
 using Refs = std::vector<Ref>;
 
-inline Ref ref(const input& in) { return {in.src_id, in.output_idx}; }
+inline Ref ref(const input& in) {
+    return {in.src_id, in.output_idx};
+}
 
 inline Refs refs(const std::vector<kestrel_zel_nn_input>& list) {
     Refs out;
@@ -72,7 +74,9 @@ inline std::vector<uint8_t> iota(size_t n) {
 }
 
 // The record the model gives a quantized value's range.
-inline output rangeRecord() { return arv::nnhal::zel::make_kestrel_nn_output({1, 1, 1, 1}, 4); }
+inline output rangeRecord() {
+    return arv::nnhal::zel::make_kestrel_nn_output({1, 1, 1, 1}, 4);
+}
 
 class CoreTest : public ::testing::Test {
 protected:

@@ -1,6 +1,8 @@
 // Node construction: the append core, output slots and registration, graph
 // input and output nodes, and the fused chains. Each expected chain is
 // written out one node a line: {id, op (kConst for constants), inputs}.
+#include <functional>
+
 #include "core_fixture.h"
 
 namespace zelcore {
@@ -44,10 +46,9 @@ TEST_F(Nodes, IdsAreUsedUpEvenByRefusedAppends) {
     EXPECT_EQ(1u, log.count("Appended internal node, operation type: ZEL_OP_QuantizedRelu_8, node id: 0"));
     EXPECT_EQ(3u, model->addOperationInternal(ZEL_OP_QuantizedRelu_8, 0, {input{1, 0}}, {rec}));
     const auto seen = zelsim::nodes(graphId);
-    ASSERT_EQ(3u, seen.size());
-    EXPECT_EQ(2u, seen[1].nodeId);
-    EXPECT_FALSE(seen[1].accepted);
-    EXPECT_EQ(3u, seen[2].nodeId);
+    ASSERT_EQ(2u, seen.size());  // the refused call left no node
+    EXPECT_EQ(1u, seen[0].nodeId);
+    EXPECT_EQ(3u, seen[1].nodeId);
 }
 
 TEST_F(Nodes, AbsentReferencesAndEmptyRecordsNeverReachTheRuntime) {
@@ -81,14 +82,17 @@ TEST_F(Nodes, AbsentReferencesAndEmptyRecordsNeverReachTheRuntime) {
 TEST_F(Nodes, QuantizedOutputsTakeThreeSlots) {
     const uint32_t q = graph.addQuant8({1, 2}, 0.5f, 0, Lifetime::Internal);
     const uint32_t f = graph.addFloatTensor({1, 3}, Lifetime::Internal);
+    const uint32_t c = graph.addOperand(OperandType::TENSOR_CUSTOM_BYTE, {1, 8}, 0.0f, 0, Lifetime::Internal);
     start();
+    model->operands()[c].elementSize = 2;  // as the vendor LSTM preparation sets it
     const input shape = model->createShape(1, 1, 1, 2);
-    ASSERT_TRUE(model->addBasicOperation(ZEL_OP_QuantizedReshape, 0, {shape}, {q, f}));
+    ASSERT_TRUE(model->addBasicOperation(ZEL_OP_QuantizedReshape, 0, {shape}, {q, f, c}));
     EXPECT_EQ(1u, log.count("Creating base operation node ..."));
-    const std::vector<output> expected = {make_kestrel_nn_output({1, 2}, 1), rangeRecord(), rangeRecord(),
-                                          make_kestrel_nn_output({1, 3}, 4)};
+    const std::vector<output> expected = {
+        make_kestrel_nn_output({1, 2}, 1), rangeRecord(), rangeRecord(), make_kestrel_nn_output({1, 3}, 4),
+        make_kestrel_nn_output({1, 4}, 2), rangeRecord(), rangeRecord()};
     EXPECT_EQ(expected, outputsOf(2));
-    EXPECT_EQ(expected, model->getZelOutputs({q, f}));
+    EXPECT_EQ(expected, model->getZelOutputs({q, f, c}));
     const OperandInfo& qi = model->operands()[q];
     const OperandInfo& fi = model->operands()[f];
     EXPECT_EQ(Ref(2, 0), ref(qi.kestrel_input));
@@ -96,6 +100,8 @@ TEST_F(Nodes, QuantizedOutputsTakeThreeSlots) {
     EXPECT_EQ(Ref(2, 2), ref(qi.quantMax));
     EXPECT_EQ(Ref(2, 3), ref(fi.kestrel_input));
     EXPECT_EQ(input{}, fi.quantMin);
+    EXPECT_EQ(Ref(2, 4), ref(model->operands()[c].kestrel_input));
+    EXPECT_EQ(Ref(2, 6), ref(model->operands()[c].quantMax));
 
     // A second registration is refused.
     log.clear();
@@ -106,16 +112,6 @@ TEST_F(Nodes, QuantizedOutputsTakeThreeSlots) {
                                        "has already been registered"},
               errorTexts());
     EXPECT_EQ(Ref(2, 0), ref(qi.kestrel_input));
-}
-
-TEST_F(Nodes, CustomBytesUseTheirOwnElementSize) {
-    const uint32_t c = graph.addOperand(OperandType::TENSOR_CUSTOM_BYTE, {1, 8}, 0.0f, 0, Lifetime::Internal);
-    start();
-    model->operands()[c].elementSize = 2;
-    const std::vector<output> expected = {make_kestrel_nn_output({1, 4}, 2), rangeRecord(), rangeRecord()};
-    EXPECT_EQ(expected, model->getZelOutputs({c}));
-    EXPECT_TRUE(model->registerZelInputs({c}, 5));
-    EXPECT_EQ(Ref(5, 2), ref(model->operands()[c].quantMax));
 }
 
 // ---------------------------------------------------------------------------
@@ -129,9 +125,10 @@ TEST_F(Nodes, InputNodeHasOneSlotPerGraphInput) {
     start();
     model->operands()[c].elementSize = 2;
     ASSERT_TRUE(model->addInputs());
-    expectNodes(graphId, 0, {
+    const std::vector<NodeRow> nodes = {
         {1, ZEL_OP_INPUT, {}},
-    });
+    };
+    expectNodes(graphId, 0, nodes);
     const std::vector<output> expected = {make_kestrel_nn_output({1, 2, 2, 1}, 1), make_kestrel_nn_output({3}, 4),
                                           make_kestrel_nn_output({1, 4}, 2)};
     EXPECT_EQ(expected, outputsOf(1));
@@ -141,15 +138,6 @@ TEST_F(Nodes, InputNodeHasOneSlotPerGraphInput) {
     EXPECT_EQ(input{}, model->operands()[q].quantMin);  // made on demand as constants
     EXPECT_EQ(1u, log.count("Input node size: 3"));
     EXPECT_EQ(1u, log.count("Operand index: 2"));
-}
-
-TEST_F(Nodes, GraphWithoutInputsStillGetsAnInputNode) {
-    start();
-    ASSERT_TRUE(model->addInputs());
-    expectNodes(graphId, 0, {
-        {1, ZEL_OP_INPUT, {}},
-    });
-    EXPECT_TRUE(outputsOf(1).empty());
 }
 
 TEST_F(Nodes, RefusedInputNode) {
@@ -185,13 +173,14 @@ TEST_F(OutputNode, QuantizedOutputsReturnToTheirDeclaredRange) {
     model->operands()[rawOut].dequantizeOutput = false;
     log.clear();
     ASSERT_TRUE(model->addOutputs());
-    expectNodes(graphId, 4, {
+    const std::vector<NodeRow> nodes = {
         {5, ZEL_OP_Dequantize, {{2, 0}, {2, 1}, {2, 2}}},
         {6, kConst, {}},
         {7, kConst, {}},
         {8, ZEL_OP_Quantize, {{5, 0}, {6, 0}, {7, 0}}},
         {9, ZEL_OP_OUTPUT, {{8, 0}, {3, 0}, {4, 0}}},
-    });
+    };
+    expectNodes(graphId, 4, nodes);
     EXPECT_EQ(std::vector<output>{make_kestrel_nn_output({1, 2}, 4)}, outputsOf(5));
     EXPECT_EQ(-64.0f, constValue(6));
     EXPECT_EQ(63.5f, constValue(7));
@@ -232,9 +221,10 @@ TEST_F(OutputNode, QuantizedGraphInputAsOutputHasNoRangeToDequantize) {
     ASSERT_TRUE(model->addInputs());
     model->operands()[in].dequantizeOutput = false;
     ASSERT_TRUE(model->addOutputs());
-    expectNodes(graphId, 1, {
+    const std::vector<NodeRow> nodes = {
         {2, ZEL_OP_OUTPUT, {{1, 0}}},
-    });
+    };
+    expectNodes(graphId, 1, nodes);
 }
 
 // ---------------------------------------------------------------------------
@@ -274,11 +264,13 @@ TEST_F(FusedQuant8, ChainsPerBiasAndActivation) {
         const char* name;
         bool withBias;
         zel_op_type_enum activation;
-        std::vector<NodeRow> chain;  // nodes after the five set-up nodes
+        std::vector<NodeRow> chain;    // nodes after the five set-up nodes
         std::vector<float> constants;  // values of the chain's constants, in order
     };
     const Row rows[] = {
-        {"bias, no activation", true, ZEL_OP_Nop,
+        {"bias, no activation",
+         true,
+         ZEL_OP_Nop,
          {
              {6, ZEL_OP_QuantizedConv2d_8x8to32, {{1, 0}, {2, 0}}},
              {7, ZEL_OP_QuantizedBiasAdd_32p32to32, {{6, 0}, {3, 0}, {6, 1}, {6, 2}, {4, 0}, {5, 0}}},
@@ -287,7 +279,9 @@ TEST_F(FusedQuant8, ChainsPerBiasAndActivation) {
              {10, ZEL_OP_Requantize_32to8, {{7, 0}, {7, 1}, {7, 2}, {8, 0}, {9, 0}}},
          },
          {-64.0f, 63.5f}},
-        {"bias, ReluX", true, ZEL_OP_QuantizedReluX_8,
+        {"bias, ReluX",
+         true,
+         ZEL_OP_QuantizedReluX_8,
          {
              {6, ZEL_OP_QuantizedConv2d_8x8to32, {{1, 0}, {2, 0}}},
              {7, ZEL_OP_QuantizedBiasAdd_32p32to32, {{6, 0}, {3, 0}, {6, 1}, {6, 2}, {4, 0}, {5, 0}}},
@@ -298,17 +292,9 @@ TEST_F(FusedQuant8, ChainsPerBiasAndActivation) {
              {12, ZEL_OP_QuantizedReluX_8, {{10, 0}, {10, 1}, {10, 2}, {11, 0}}},
          },
          {-64.0f, 63.5f, 6.0f}},
-        {"bias, Relu", true, ZEL_OP_QuantizedRelu_8,
-         {
-             {6, ZEL_OP_QuantizedConv2d_8x8to32, {{1, 0}, {2, 0}}},
-             {7, ZEL_OP_QuantizedBiasAdd_32p32to32, {{6, 0}, {3, 0}, {6, 1}, {6, 2}, {4, 0}, {5, 0}}},
-             {8, kConst, {}},
-             {9, kConst, {}},
-             {10, ZEL_OP_Requantize_32to8, {{7, 0}, {7, 1}, {7, 2}, {8, 0}, {9, 0}}},
-             {11, ZEL_OP_QuantizedRelu_8, {{10, 0}, {10, 1}, {10, 2}}},
-         },
-         {-64.0f, 63.5f}},
-        {"bias, Clamp", true, ZEL_OP_QuantizedClamp_8,
+        {"bias, Clamp",
+         true,
+         ZEL_OP_QuantizedClamp_8,
          {
              {6, ZEL_OP_QuantizedConv2d_8x8to32, {{1, 0}, {2, 0}}},
              {7, ZEL_OP_QuantizedBiasAdd_32p32to32, {{6, 0}, {3, 0}, {6, 1}, {6, 2}, {4, 0}, {5, 0}}},
@@ -320,7 +306,9 @@ TEST_F(FusedQuant8, ChainsPerBiasAndActivation) {
              {13, ZEL_OP_QuantizedClamp_8, {{10, 0}, {10, 1}, {10, 2}, {11, 0}, {12, 0}}},
          },
          {-64.0f, 63.5f, -1.0f, 1.0f}},
-        {"no bias, no activation", false, ZEL_OP_Nop,
+        {"no bias, no activation",
+         false,
+         ZEL_OP_Nop,
          {
              {6, ZEL_OP_QuantizedConv2d_8x8to32, {{1, 0}, {2, 0}}},
              {7, kConst, {}},
@@ -328,16 +316,6 @@ TEST_F(FusedQuant8, ChainsPerBiasAndActivation) {
              {9, ZEL_OP_Requantize_32to8, {{6, 0}, {6, 1}, {6, 2}, {7, 0}, {8, 0}}},
          },
          {-64.0f, 63.5f}},
-        {"no bias, ReluX", false, ZEL_OP_QuantizedReluX_8,
-         {
-             {6, ZEL_OP_QuantizedConv2d_8x8to32, {{1, 0}, {2, 0}}},
-             {7, kConst, {}},
-             {8, kConst, {}},
-             {9, ZEL_OP_Requantize_32to8, {{6, 0}, {6, 1}, {6, 2}, {7, 0}, {8, 0}}},
-             {10, kConst, {}},
-             {11, ZEL_OP_QuantizedReluX_8, {{9, 0}, {9, 1}, {9, 2}, {10, 0}}},
-         },
-         {-64.0f, 63.5f, 6.0f}},
     };
     const output wide = make_kestrel_nn_output({1, 2, 2, 1}, 4);
     const output narrow = make_kestrel_nn_output({1, 2, 2, 1}, 1);
@@ -366,44 +344,6 @@ TEST_F(FusedQuant8, ChainsPerBiasAndActivation) {
     }
 }
 
-TEST_F(FusedQuant8, FailingStepsAreNamed) {
-    struct Row {
-        int nthAppend;
-        const char* error;
-    };
-    const Row rows[] = {
-        {1, "failed 0 != node (0 != 0): Error adding base operation"},
-        {2, "failed 0 != node (0 != 0): Error adding bias operation"},
-        {3, "failed 0 != node (0 != 0): Error adding requantize operation"},
-        {4, "failed 0 != node (0 != 0): Error adding activation operation"},
-    };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.error);
-        startWithOperands();
-        zelsim::failCall("append_node", row.nthAppend, -1);
-        EXPECT_FALSE(model->addFusedQuant8Operation(ZEL_OP_QuantizedConv2d_8x8to32, ZEL_NN_PAD_SAME, baseInputs(),
-                                                    ZEL_OP_QuantizedReluX_8, biasInputs(), {out}));
-        EXPECT_EQ(std::vector<std::string>{row.error}, errorTexts());
-        EXPECT_EQ(input{}, model->operands()[out].kestrel_input);
-    }
-}
-
-TEST_F(FusedQuant8, MalformedListsAppendNothing) {
-    const uint32_t other = graph.addQuant8({1, 2, 2, 1}, 0.5f, 128, Lifetime::Internal);
-    startWithOperands();
-    const int appends = zelsim::callCount("append_node") + zelsim::callCount("append_const_node");
-    EXPECT_FALSE(model->addFusedQuant8Operation(ZEL_OP_QuantizedConv2d_8x8to32, 0, baseInputs(), ZEL_OP_Nop,
-                                                biasInputs(), {out, other}));
-    EXPECT_FALSE(model->addFusedQuant8Operation(ZEL_OP_QuantizedConv2d_8x8to32, 0, baseInputs(), ZEL_OP_Nop,
-                                                {input{3, 0}, input{4, 0}}, {out}));
-    const std::vector<std::string> expected = {
-        "failed 1 == outputs.size() (1 == 2): addFusedQuant8Operation requires 1 output",
-        "failed 3 == biasInputs.size() (3 == 2): addFusedQuant8Operation needs bias value, minimum and maximum",
-    };
-    EXPECT_EQ(expected, errorTexts());
-    EXPECT_EQ(appends, zelsim::callCount("append_node") + zelsim::callCount("append_const_node"));
-}
-
 // ---------------------------------------------------------------------------
 // Operations with an activation, float chains and split.
 
@@ -417,12 +357,13 @@ TEST_F(Nodes, Quant8OperationWithActivation) {
                                                         ZEL_OP_QuantizedReluX_8, {input{1, 0}}, {out}));
     ASSERT_TRUE(model->addQuant8OperationWithActivation(ZEL_OP_QuantizedAvgPool_8, ZEL_NN_PAD_SAME, ZEL_OP_Nop,
                                                         {input{1, 0}}, {plain}));
-    expectNodes(graphId, 1, {
+    const std::vector<NodeRow> nodes = {
         {2, ZEL_OP_QuantizedMaxPool_8, {{1, 0}}},
         {3, kConst, {}},
         {4, ZEL_OP_QuantizedReluX_8, {{2, 0}, {2, 1}, {2, 2}, {3, 0}}},
         {5, ZEL_OP_QuantizedAvgPool_8, {{1, 0}}},
-    });
+    };
+    expectNodes(graphId, 1, nodes);
     EXPECT_EQ(6.0f, constValue(3));
     const std::vector<output> records = {make_kestrel_nn_output({1, 2}, 1), rangeRecord(), rangeRecord()};
     EXPECT_EQ(records, outputsOf(2));
@@ -433,24 +374,6 @@ TEST_F(Nodes, Quant8OperationWithActivation) {
     EXPECT_EQ(Ref(5, 2), ref(model->operands()[plain].quantMax));
 }
 
-TEST_F(Nodes, Quant8OperationWithActivationFailures) {
-    graph.setInputs({graph.addQuant8({1, 4}, 0.5f, 0, Lifetime::Input)});
-    const uint32_t out = graph.addQuant8({1, 2}, 0.5f, 0, Lifetime::Internal);
-    start();
-    ASSERT_TRUE(model->addInputs());
-    for (int nth : {1, 2}) {
-        zelsim::failCall("append_node", nth, -1);
-        EXPECT_FALSE(model->addQuant8OperationWithActivation(ZEL_OP_QuantizedMaxPool_8, 0, ZEL_OP_QuantizedRelu_8,
-                                                             {input{1, 0}}, {out}));
-    }
-    const std::vector<std::string> expected = {
-        "failed 0 != node (0 != 0): Error adding base operation",
-        "failed 0 != node (0 != 0): Error adding activation operation",
-    };
-    EXPECT_EQ(expected, errorTexts());
-    EXPECT_EQ(input{}, model->operands()[out].kestrel_input);
-}
-
 TEST_F(Nodes, FloatOperationWithActivation) {
     graph.setInputs({graph.addFloatTensor({1, 4}, Lifetime::Input)});
     const uint32_t clamped = graph.addFloatTensor({1, 2}, Lifetime::Internal);
@@ -459,17 +382,18 @@ TEST_F(Nodes, FloatOperationWithActivation) {
     ASSERT_TRUE(model->addInputs());
     ASSERT_TRUE(model->addFloatOperationWithActivation(ZEL_OP_FloatMaxPool, ZEL_NN_PAD_VALID, ZEL_OP_FloatClamp,
                                                        {input{1, 0}}, {clamped}));
-    ASSERT_TRUE(model->addFloatOperationWithActivation(ZEL_OP_FloatAvgPool, ZEL_NN_PAD_SAME, ZEL_OP_Nop,
-                                                       {input{1, 0}}, {plain}));
+    ASSERT_TRUE(model->addFloatOperationWithActivation(ZEL_OP_FloatAvgPool, ZEL_NN_PAD_SAME, ZEL_OP_Nop, {input{1, 0}},
+                                                       {plain}));
     // The activation's constants come first; the activation reads only
     // the value output.
-    expectNodes(graphId, 1, {
+    const std::vector<NodeRow> nodes = {
         {2, kConst, {}},
         {3, kConst, {}},
         {4, ZEL_OP_FloatMaxPool, {{1, 0}}},
         {5, ZEL_OP_FloatClamp, {{4, 0}, {2, 0}, {3, 0}}},
         {6, ZEL_OP_FloatAvgPool, {{1, 0}}},
-    });
+    };
+    expectNodes(graphId, 1, nodes);
     EXPECT_EQ(-1.0f, constValue(2));
     EXPECT_EQ(1.0f, constValue(3));
     EXPECT_EQ(std::vector<output>{make_kestrel_nn_output({1, 2}, 4)}, outputsOf(5));
@@ -485,17 +409,14 @@ TEST_F(Nodes, FusedFloatChain) {
     start();
     ASSERT_TRUE(model->addInputs());
     const input b = model->getTensor(bias);
-    ASSERT_TRUE(model->addFusedFloatOperation(ZEL_OP_FloatConv2d, ZEL_NN_PAD_SAME, b, ZEL_OP_FloatReluX,
-                                              {input{1, 0}}, {out}));
+    ASSERT_TRUE(
+        model->addFusedFloatOperation(ZEL_OP_FloatConv2d, ZEL_NN_PAD_SAME, b, ZEL_OP_FloatReluX, {input{1, 0}}, {out}));
     ASSERT_TRUE(model->addFusedFloatOperation(ZEL_OP_FloatMatMul, 0, input{}, ZEL_OP_Nop, {input{1, 0}}, {plain}));
-    expectNodes(graphId, 1, {
-        {2, kConst, {}},
-        {3, ZEL_OP_FloatConv2d, {{1, 0}}},
-        {4, ZEL_OP_FloatBiasAdd, {{3, 0}, {2, 0}}},
-        {5, kConst, {}},
-        {6, ZEL_OP_FloatReluX, {{4, 0}, {5, 0}}},
-        {7, ZEL_OP_FloatMatMul, {{1, 0}}},
-    });
+    const std::vector<NodeRow> nodes = {
+        {2, kConst, {}}, {3, ZEL_OP_FloatConv2d, {{1, 0}}},        {4, ZEL_OP_FloatBiasAdd, {{3, 0}, {2, 0}}},
+        {5, kConst, {}}, {6, ZEL_OP_FloatReluX, {{4, 0}, {5, 0}}}, {7, ZEL_OP_FloatMatMul, {{1, 0}}},
+    };
+    expectNodes(graphId, 1, nodes);
     const std::vector<output> record = {make_kestrel_nn_output({1, 2}, 4)};
     for (uint32_t id : {3u, 4u, 6u, 7u}) EXPECT_EQ(record, outputsOf(id)) << id;
     EXPECT_EQ(ZEL_NN_PAD_SAME, node(graphId, 3).padding);
@@ -503,36 +424,6 @@ TEST_F(Nodes, FusedFloatChain) {
     EXPECT_EQ(Ref(6, 0), ref(model->operands()[out].kestrel_input));
     EXPECT_EQ(Ref(7, 0), ref(model->operands()[plain].kestrel_input));
     EXPECT_TRUE(log.errors().empty());
-}
-
-TEST_F(Nodes, FusedFloatFailures) {
-    graph.setInputs({graph.addFloatTensor({1, 4}, Lifetime::Input)});
-    const uint32_t a = graph.addFloatTensor({1, 2}, Lifetime::Internal);
-    const uint32_t b = graph.addFloatTensor({1, 2}, Lifetime::Internal);
-    start();
-    ASSERT_TRUE(model->addInputs());
-    const int before = zelsim::callCount("append_node");
-    EXPECT_FALSE(model->addFusedFloatOperation(ZEL_OP_FloatConv2d, 0, input{}, ZEL_OP_Nop, {input{1, 0}}, {a, b}));
-    EXPECT_EQ(before, zelsim::callCount("append_node"));
-    struct Row {
-        int nthAppend;
-        const char* error;
-    };
-    const Row rows[] = {
-        {1, "failed 0 != node (0 != 0): Error adding base operation"},
-        {2, "failed 0 != node (0 != 0): Error adding bias operation"},
-        {3, "failed 0 != node (0 != 0): Error adding activation operation"},
-    };
-    std::vector<std::string> expected = {
-        "failed 1 == outputs.size() (1 == 2): addFusedFloatOperation requires 1 output"};
-    for (const Row& row : rows) {
-        zelsim::failCall("append_node", row.nthAppend, -1);
-        EXPECT_FALSE(model->addFusedFloatOperation(ZEL_OP_FloatConv2d, 0, input{1, 0}, ZEL_OP_FloatRelu,
-                                                   {input{1, 0}}, {a}));
-        expected.push_back(row.error);
-    }
-    EXPECT_EQ(expected, errorTexts());
-    EXPECT_EQ(input{}, model->operands()[a].kestrel_input);
 }
 
 TEST_F(Nodes, SplitRegistersThreeSlotsPerOutput) {
@@ -543,10 +434,11 @@ TEST_F(Nodes, SplitRegistersThreeSlotsPerOutput) {
     ASSERT_TRUE(model->addInputs());
     const input dim = model->createShape(1, 1, 1, 1);
     ASSERT_TRUE(model->addSplitOperation({dim, input{1, 0}}, {first, second}));
-    expectNodes(graphId, 1, {
+    const std::vector<NodeRow> nodes = {
         {2, kConst, {}},
         {3, ZEL_OP_QuantizedSplit_8, {{2, 0}, {1, 0}}},
-    });
+    };
+    expectNodes(graphId, 1, nodes);
     const output value = make_kestrel_nn_output({1, 2}, 1);
     EXPECT_EQ((std::vector<output>{value, rangeRecord(), rangeRecord(), value, rangeRecord(), rangeRecord()}),
               outputsOf(3));
@@ -555,45 +447,93 @@ TEST_F(Nodes, SplitRegistersThreeSlotsPerOutput) {
     EXPECT_EQ(Ref(3, 5), ref(model->operands()[second].quantMax));
 }
 
-TEST_F(Nodes, SplitRefusals) {
+TEST_F(Nodes, FailingStepsAreNamed) {
     graph.setInputs({graph.addQuant8({1, 4}, 0.5f, 0, Lifetime::Input)});
-    const uint32_t first = graph.addQuant8({1, 2}, 0.5f, 0, Lifetime::Internal);
-    const uint32_t second = graph.addQuant8({1, 2}, 0.5f, 0, Lifetime::Internal);
+    const uint32_t q = graph.addQuant8({1, 2}, 0.5f, 0, Lifetime::Internal);
+    const uint32_t f = graph.addFloatTensor({1, 2}, Lifetime::Internal);
     start();
     ASSERT_TRUE(model->addInputs());
-    model->operands()[second].kestrel_input = input{1, 0};
-    const int before = zelsim::callCount("append_node");
-    EXPECT_FALSE(model->addSplitOperation({input{1, 0}}, {first, second}));
-    EXPECT_EQ(before, zelsim::callCount("append_node"));
-    EXPECT_EQ(input{}, model->operands()[first].kestrel_input);
+    const input v{1, 0};
+    const auto fusedQuant = [&] {
+        return model->addFusedQuant8Operation(ZEL_OP_QuantizedConv2d_8x8to32, 0, {v}, ZEL_OP_QuantizedReluX_8,
+                                              {v, v, v}, {q});
+    };
+    const auto quantAct = [&] {
+        return model->addQuant8OperationWithActivation(ZEL_OP_QuantizedMaxPool_8, 0, ZEL_OP_QuantizedRelu_8, {v}, {q});
+    };
+    const auto floatAct = [&] {
+        return model->addFloatOperationWithActivation(ZEL_OP_FloatMaxPool, 0, ZEL_OP_FloatRelu, {v}, {f});
+    };
+    const auto fusedFloat = [&] {
+        return model->addFusedFloatOperation(ZEL_OP_FloatConv2d, 0, v, ZEL_OP_FloatRelu, {v}, {f});
+    };
+    const auto split = [&] { return model->addSplitOperation({v}, {q}); };
+    struct Row {
+        std::function<bool()> call;
+        int nthAppend;  // the refused append_node call
+        const char* error;
+    };
+    const Row rows[] = {
+        {fusedQuant, 1, "Error adding base operation"},
+        {fusedQuant, 2, "Error adding bias operation"},
+        {fusedQuant, 3, "Error adding requantize operation"},
+        {fusedQuant, 4, "Error adding activation operation"},
+        {quantAct, 1, "Error adding base operation"},
+        {quantAct, 2, "Error adding activation operation"},
+        {floatAct, 1, "Error adding base operation"},
+        {floatAct, 2, "Error adding activation operation"},
+        {fusedFloat, 1, "Error adding base operation"},
+        {fusedFloat, 2, "Error adding bias operation"},
+        {fusedFloat, 3, "Error adding activation operation"},
+        {split, 1, "Error adding ZEL_OP_QuantizedSplit_8 operation"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.error);
+        log.clear();
+        zelsim::failCall("append_node", row.nthAppend, -1);
+        EXPECT_FALSE(row.call());
+        EXPECT_EQ(std::vector<std::string>{std::string("failed 0 != node (0 != 0): ") + row.error}, errorTexts());
+        EXPECT_EQ(input{}, model->operands()[q].kestrel_input);
+        EXPECT_EQ(input{}, model->operands()[f].kestrel_input);
+    }
+}
 
-    model->operands()[second].kestrel_input = input{};
-    zelsim::failCall("append_node", 1, -1);
-    EXPECT_FALSE(model->addSplitOperation({input{1, 0}}, {first, second}));
+TEST_F(Nodes, MalformedListsAppendNothing) {
+    graph.setInputs({graph.addQuant8({1, 4}, 0.5f, 0, Lifetime::Input)});
+    const uint32_t q = graph.addQuant8({1, 2}, 0.5f, 0, Lifetime::Internal);
+    const uint32_t registered = graph.addQuant8({1, 2}, 0.5f, 0, Lifetime::Internal);
+    const uint32_t f = graph.addFloatTensor({1, 2}, Lifetime::Internal);
+    start();
+    ASSERT_TRUE(model->addInputs());
+    model->operands()[registered].kestrel_input = input{1, 0};
+    const input v{1, 0};
+    const int appends = zelsim::callCount("append_node") + zelsim::callCount("append_const_node");
+    EXPECT_FALSE(
+        model->addFusedQuant8Operation(ZEL_OP_QuantizedConv2d_8x8to32, 0, {v}, ZEL_OP_Nop, {v, v, v}, {q, registered}));
+    EXPECT_FALSE(model->addFusedQuant8Operation(ZEL_OP_QuantizedConv2d_8x8to32, 0, {v}, ZEL_OP_Nop, {v, v}, {q}));
+    EXPECT_FALSE(model->addFusedFloatOperation(ZEL_OP_FloatConv2d, 0, input{}, ZEL_OP_Nop, {v}, {f, q}));
+    EXPECT_FALSE(model->addSplitOperation({v}, {q, registered}));
     const std::vector<std::string> expected = {
+        "failed 1 == outputs.size() (1 == 2): addFusedQuant8Operation requires 1 output",
+        "failed 3 == biasInputs.size() (3 == 2): addFusedQuant8Operation needs bias value, minimum and maximum",
+        "failed 1 == outputs.size() (1 == 2): addFusedFloatOperation requires 1 output",
         "failed operand.kestrel_input == kestrel_zel_nn_input{} (kestrel_nn_input{.src_id: 1, .output_idx: 0} == "
         "kestrel_nn_input{.src_id: 0, .output_idx: 0}): Error: operation output has already been registered",
-        "failed 0 != node (0 != 0): Error adding ZEL_OP_QuantizedSplit_8 operation",
     };
     EXPECT_EQ(expected, errorTexts());
+    EXPECT_EQ(appends, zelsim::callCount("append_node") + zelsim::callCount("append_const_node"));
+    EXPECT_EQ(input{}, model->operands()[q].kestrel_input);
 }
 
 TEST_F(Nodes, ActivationArguments) {
     start();
     EXPECT_TRUE(model->setupActivationArgs(ZEL_OP_Nop).empty());
-    EXPECT_TRUE(model->setupActivationArgs(ZEL_OP_QuantizedRelu_8).empty());
     EXPECT_TRUE(model->setupActivationArgs(ZEL_OP_FloatRelu).empty());
     EXPECT_EQ(0, zelsim::callCount("append_const_node"));
-    const std::vector<input> relux = model->setupActivationArgs(ZEL_OP_FloatReluX);
-    ASSERT_EQ(1u, relux.size());
-    EXPECT_EQ(6.0f, constValue(relux[0].src_id));
-    const std::vector<input> clamp = model->setupActivationArgs(ZEL_OP_FloatClamp);
-    ASSERT_EQ(2u, clamp.size());
-    EXPECT_EQ(-1.0f, constValue(clamp[0].src_id));
-    EXPECT_EQ(1.0f, constValue(clamp[1].src_id));
-    // A fresh constant on every call.
-    EXPECT_NE(ref(relux[0]), ref(model->setupActivationArgs(ZEL_OP_QuantizedReluX_8).at(0)));
-
+    // The values are checked with the chains; each call makes new constants.
+    EXPECT_NE(ref(model->setupActivationArgs(ZEL_OP_FloatReluX).at(0)),
+              ref(model->setupActivationArgs(ZEL_OP_QuantizedReluX_8).at(0)));
+    EXPECT_EQ(2u, model->setupActivationArgs(ZEL_OP_QuantizedClamp_8).size());
     log.clear();
     EXPECT_TRUE(model->setupActivationArgs(static_cast<zel_op_type_enum>(999)).empty());
     EXPECT_EQ(std::vector<std::string>{"Unknown activation symbol 999"}, log.errors());

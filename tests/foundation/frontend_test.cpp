@@ -11,6 +11,7 @@
 #include "foundation_support.h"
 #include "log_capture.h"
 #include "zel_accelerator.h"
+#include "zel_utils.h"
 #include "zelhost/execution.h"
 #include "zelhost/host_graph.h"
 #include "zelsim/control.h"

@@ -7,7 +7,6 @@
 
 #include <cstring>
 #include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
@@ -60,9 +59,18 @@ unsigned char bind32(unsigned char info) { return ELF32_ST_BIND(info); }
 unsigned char type64(unsigned char info) { return ELF64_ST_TYPE(info); }
 unsigned char bind64(unsigned char info) { return ELF64_ST_BIND(info); }
 
+std::vector<char> readFile(const char* path) {
+    std::ifstream in(path, std::ios::binary | std::ios::ate);
+    std::vector<char> file;
+    if (!in) return file;
+    file.resize(static_cast<size_t>(in.tellg()));
+    in.seekg(0);
+    in.read(file.data(), static_cast<std::streamsize>(file.size()));
+    return file;
+}
+
 std::vector<DynamicSymbol> pluginSymbols() {
-    std::ifstream in(ZEL_PLUGIN_PATH, std::ios::binary);
-    std::vector<char> file((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const std::vector<char> file = readFile(ZEL_PLUGIN_PATH);
     std::vector<DynamicSymbol> symbols;
     bool ok = false;
     if (file.size() > EI_CLASS && std::memcmp(file.data(), ELFMAG, SELFMAG) == 0) {

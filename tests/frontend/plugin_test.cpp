@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -15,6 +16,16 @@
 #include "zelhost/model_file.h"
 #include "zelhost/plugin_loader.h"
 #include "zelsim/control.h"
+
+namespace arv {
+namespace nnhal {
+// Status values print as numbers in failure messages.
+void PrintTo(Status status, std::ostream* out) { *out << "status " << static_cast<int32_t>(status); }
+namespace host {
+void PrintTo(CaseClass value, std::ostream* out) { *out << caseClassName(value); }
+}  // namespace host
+}  // namespace nnhal
+}  // namespace arv
 
 using namespace arv::nnhal;
 using namespace arv::nnhal::host;
@@ -188,7 +199,8 @@ TEST_F(PluginEndToEnd, ExecutesASmallConvolution) {
     // A second run on other input data gives the new result, not a cached one.
     conv.input.assign(conv.input.size(), SmallConv::kInZero);
     ASSERT_EQ(conv.run(*created.executor, output), Status::SUCCESS);
-    EXPECT_EQ(output, std::vector<uint8_t>(8, SmallConv::kOutZero)) << "real input 0 and RELU of the bias";
+    // Real input 0: each output is RELU of its channel's bias, 1.0 and -2.0.
+    EXPECT_EQ(output, (std::vector<uint8_t>{22, 20, 22, 20, 22, 20, 22, 20}));
     EXPECT_FALSE(conv.graph->executing());
     EXPECT_NE(conv.graph->getOperand(0)->getData().status, Status::SUCCESS) << "buffers unbound after the run";
 

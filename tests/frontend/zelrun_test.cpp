@@ -109,6 +109,24 @@ TEST_F(Zelrun, UnreadableModelsExitWithOne) {
     EXPECT_TRUE(contains(r.err, "cannot load plug-in /nonexistent/plugin.so")) << r.err;
 }
 
+TEST_F(Zelrun, LenientLoadingHandsOddGraphsToThePlugin) {
+    // The activation input of the convolution names operand 7 of 7.
+    std::string text = readAll(kConv);
+    const std::string from = "[0, 1, 2, 3, 3, 3, 3, 4, 4, 5]";
+    ASSERT_NE(text.find(from), std::string::npos);
+    text.replace(text.find(from), from.size(), "[0, 1, 2, 3, 3, 3, 3, 4, 4, 7]");
+    const std::string model = write("odd.json", text);
+
+    Outcome r = run("'" + model + "'");
+    EXPECT_EQ(r.exitCode, 1);
+    EXPECT_TRUE(contains(r.err, "odd.json: operations[0].inputs[9]: operand index 7 out of range (7 operands)"))
+        << r.err;
+
+    r = run("--lenient '" + model + "'");
+    EXPECT_EQ(r.exitCode, 3) << "the plug-in refuses the operation and survives: " << r.out << r.err;
+    EXPECT_TRUE(contains(r.out, "declined")) << r.out;
+}
+
 TEST_F(Zelrun, RunsAndMatchesASupportedModel) {
     const Outcome r = run(kConv);
     EXPECT_EQ(r.exitCode, 0) << r.out << r.err;

@@ -1,5 +1,6 @@
 // Each lowering-table row lowered through ZelModel::prepare against the
 // simulator: the recorded node chain, and the simulator's acceptance.
+#include <set>
 #include <stdexcept>
 
 #include "lowering_support.h"
@@ -18,7 +19,7 @@ TEST_P(ChainTest, LowersToTheExpectedNodes) {
     ASSERT_TRUE(model);
     for (uint32_t out : model->graphOutputs()) model->operands()[out].dequantizeOutput = false;
 
-    ASSERT_TRUE(model->prepare(ExecutionPerformance::SUSTAINED_SPEED)) << zelsim::lastError(model->graphId());
+    EXPECT_TRUE(model->prepare(ExecutionPerformance::SUSTAINED_SPEED)) << zelsim::lastError(model->graphId());
     expectChain(static_cast<int>(model->graphId()), GetParam().chain);
     EXPECT_TRUE(allAccepted(static_cast<int>(model->graphId())));
     EXPECT_TRUE(zelsim::graphPrepared(static_cast<int>(model->graphId())));
@@ -42,7 +43,7 @@ TEST_F(LoweringTest, ConvOutputGoesBackToTheDeclaredRange) {
     canonical("conv_implicit_relu6").build(graph);
     auto model = build(graph);
     ASSERT_TRUE(model);
-    ASSERT_TRUE(model->prepare(ExecutionPerformance::SUSTAINED_SPEED)) << zelsim::lastError(model->graphId());
+    EXPECT_TRUE(model->prepare(ExecutionPerformance::SUSTAINED_SPEED)) << zelsim::lastError(model->graphId());
 
     std::vector<std::string> chain = canonical("conv_implicit_relu6").chain;
     chain.pop_back();
@@ -71,7 +72,7 @@ TEST_F(LoweringTest, SecondOperationReadsTheFirstOperationsOutput) {
     auto model = build(graph);
     ASSERT_TRUE(model);
     model->operands()[out].dequantizeOutput = false;
-    ASSERT_TRUE(model->prepare(ExecutionPerformance::SUSTAINED_SPEED)) << zelsim::lastError(model->graphId());
+    EXPECT_TRUE(model->prepare(ExecutionPerformance::SUSTAINED_SPEED)) << zelsim::lastError(model->graphId());
 
     expectChain(static_cast<int>(model->graphId()),
                 {
@@ -84,6 +85,66 @@ TEST_F(LoweringTest, SecondOperationReadsTheFirstOperationsOutput) {
                     "7 OUTPUT pad=0 [6:0] -> []",
                 });
 }
+
+struct TraceCase {
+    const char* graph;
+    std::vector<std::string> trace;
+};
+
+void PrintTo(const TraceCase& c, std::ostream* os) { *os << c.graph; }
+
+// The progress lines of the lowering functions (and no others of theirs).
+const std::set<std::string> kProgressTexts = {
+    "Creating quantization nodes for inputs ...",
+    "Parsing convolution parameters ...",
+    "Parsing depthwise convolution parameters ...",
+    "Parsing activation function type ...",
+    "Getting activation function type ...",
+    "Creating quantization min / max nodes for inputs ...",
+    "Creating stride tensor ...",
+    "Parsing pooling parameters ...",
+    "Parsing max pooling parameters ...",
+    "Creating pooling parameters nodes ...",
+    "Creating quantization nodes for input parameters ...",
+    "Creating dimension tensor ...",
+};
+
+class TraceTest : public LoweringTest, public ::testing::WithParamInterface<TraceCase> {};
+
+TEST_P(TraceTest, LogsTheStepsInOrder) {
+    HostGraph graph;
+    canonical(GetParam().graph).build(graph);
+    auto model = build(graph);
+    ASSERT_TRUE(model);
+    model->prepare(ExecutionPerformance::SUSTAINED_SPEED);
+    std::vector<std::string> trace;
+    for (const std::string& line : log.debugs()) {
+        if (kProgressTexts.count(line) != 0) trace.push_back(line);
+    }
+    EXPECT_EQ(GetParam().trace, trace);
+}
+
+const TraceCase kTraces[] = {
+    {"conv_implicit_relu6",
+     {"Creating quantization nodes for inputs ...", "Parsing convolution parameters ...",
+      "Parsing activation function type ...", "Creating quantization min / max nodes for inputs ...",
+      "Creating stride tensor ..."}},
+    {"depthwise_explicit_same",
+     {"Creating quantization nodes for inputs ...", "Parsing depthwise convolution parameters ...",
+      "Parsing activation function type ...", "Creating quantization min / max nodes for inputs ...",
+      "Creating stride tensor ..."}},
+    {"add", {"Creating quantization nodes for inputs ...", "Getting activation function type ..."}},
+    {"sub_relu1", {"Creating quantization nodes for inputs ...", "Getting activation function type ..."}},
+    {"average_pool_implicit",
+     {"Parsing pooling parameters ...", "Parsing activation function type ...", "Creating pooling parameters nodes ..."}},
+    {"max_pool_explicit_relu",
+     {"Parsing max pooling parameters ...", "Parsing activation function type ...",
+      "Creating quantization nodes for input parameters ..."}},
+    {"concatenation", {"Creating quantization nodes for inputs ...", "Creating dimension tensor ..."}},
+};
+
+INSTANTIATE_TEST_SUITE_P(Quant8, TraceTest, ::testing::ValuesIn(kTraces),
+                         [](const ::testing::TestParamInfo<TraceCase>& info) { return std::string(info.param.graph); });
 
 }  // namespace
 }  // namespace lowering

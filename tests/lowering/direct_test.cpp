@@ -28,6 +28,8 @@ struct DirectCase {
     std::vector<std::string> chain;  // after the input node (id 1)
 };
 
+void PrintTo(const DirectCase& c, std::ostream* os) { *os << c.label; }
+
 #define RANGES "1x1x1x1*4 1x1x1x1*4"
 
 // Quantized graph input of range [-64, 63.5].
@@ -53,28 +55,29 @@ Op unaryOp(HostGraph& g, uint32_t in, std::vector<uint32_t> extra, uint32_t out)
 
 std::vector<DirectCase> quant8Cases() {
     return {
-        // The product keeps the matrix-product code; shapes chosen so that
-        // both readings agree.
+        // The product keeps the matrix-product code; the second operand is a
+        // constant [1,1,2,2] so that the node is a valid matrix product.
         {"mul",
          q8::mul,
          [](HostGraph& g) {
-             const uint32_t a = g.addQuant8({1, 1, 1, 2}, 0.5f, 0, Lifetime::Input);
-             const uint32_t b = g.addQuant8({1, 1, 2, 2}, 0.5f, 0, Lifetime::Input);
+             const uint32_t a = q8In(g, {1, 1, 1, 2});
+             const uint32_t b = g.addQuant8({1, 1, 2, 2}, 0.25f, 128, Lifetime::Constant, {1, 2, 3, 4});
              const uint32_t act = g.addInt32(0);
-             const uint32_t out = g.addQuant8({1, 1, 1, 2}, 1.0f, 0, Lifetime::Output);
-             g.setInputs({a, b});
+             const uint32_t out = g.addQuant8({1, 1, 1, 2}, 1.0f, 128, Lifetime::Output);
+             g.setInputs({a});
              g.setOutputs({out});
              return Op{{a, b, act}, {out}};
          },
          {
-             "2 const 1x1x1x1 f32 0",
-             "3 const 1x1x1x1 f32 127.5",
-             "4 const 1x1x1x1 f32 0",
-             "5 const 1x1x1x1 f32 127.5",
-             "6 QuantizedMatMul_8x8to32 pad=0 [1:0 1:1 2:0 3:0 4:0 5:0] -> [1x1x1x2*4 " RANGES "]",
-             "7 const 1x1x1x1 f32 0",
-             "8 const 1x1x1x1 f32 255",
-             "9 Requantize_32to8 pad=0 [6:0 6:1 6:2 7:0 8:0] -> [1x1x1x2*1 " RANGES "]",
+             "2 const 1x1x2x2 u8 1 2 3 4",
+             "3 const 1x1x1x1 f32 -64",
+             "4 const 1x1x1x1 f32 63.5",
+             "5 const 1x1x1x1 f32 -32",
+             "6 const 1x1x1x1 f32 31.75",
+             "7 QuantizedMatMul_8x8to32 pad=0 [1:0 2:0 3:0 4:0 5:0 6:0] -> [1x1x1x2*4 " RANGES "]",
+             "8 const 1x1x1x1 f32 -128",
+             "9 const 1x1x1x1 f32 127",
+             "10 Requantize_32to8 pad=0 [7:0 7:1 7:2 8:0 9:0] -> [1x1x1x2*1 " RANGES "]",
          }},
         // Upper bound: 0.5 * (256 - 128).
         {"logistic",
@@ -183,7 +186,7 @@ std::vector<DirectCase> quant8Cases() {
              "2 const 1x1x1x1 i32 3",
              "3 const 1x1x1x1 f32 -64",
              "4 const 1x1x1x1 f32 63.5",
-             "5 QuantizedSplit_8 pad=0 [2:0 1:0 3:0 4:0] -> [1x2x2x2*1 " RANGES " 1x2x2x2*1 " RANGES "]",
+             "5 220 pad=0 [2:0 1:0 3:0 4:0] -> [1x2x2x2*1 " RANGES " 1x2x2x2*1 " RANGES "]",
          }},
     };
 }

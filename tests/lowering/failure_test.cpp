@@ -24,6 +24,8 @@ struct CountCase {
     const char* message;
 };
 
+void PrintTo(const CountCase& c, std::ostream* os) { *os << c.label; }
+
 std::vector<uint32_t> indices(uint32_t count) {
     std::vector<uint32_t> list;
     for (uint32_t i = 0; i < count; ++i) list.push_back(i);
@@ -157,6 +159,8 @@ struct PaddingCase {
     bool withFilter;
 };
 
+void PrintTo(const PaddingCase& c, std::ostream* os) { *os << c.label; }
+
 class UnknownPaddingTest : public PrepareFailureTest, public ::testing::WithParamInterface<PaddingCase> {};
 
 // Left 1 / right 0 is not what SAME gives (the odd pixel goes right), and
@@ -211,6 +215,8 @@ struct MissingRowCase {
     OperationType type;
     OperandType operandType;
 };
+
+void PrintTo(const MissingRowCase& c, std::ostream* os) { *os << c.label; }
 
 class MissingRowTest : public PrepareFailureTest, public ::testing::WithParamInterface<MissingRowCase> {};
 

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <ostream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -51,6 +52,9 @@ struct Canonical {
     std::function<void(HostGraph&)> build;
     std::vector<std::string> chain;
 };
+
+// gtest prints a parameter by its name.
+inline void PrintTo(const Canonical& c, std::ostream* os) { *os << c.name; }
 
 // Every canonical graph: one or more per lowering-table row except
 // TRANSPOSE_CONV_2D, which never lowers.

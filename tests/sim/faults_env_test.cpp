@@ -24,7 +24,8 @@ TEST(FaultsFromEnvironment, ArmedAtLoadAndMalformedItemsNoted) {
     const kestrel_zel_nn_output out = simtest::rec(1, 1, 1, 4, 1);
     const kestrel_zel_nn_input in{1, 0};
     EXPECT_EQ(0, kestrel_zel_nn_append_node(id, 1, ZEL_OP_INPUT, 0, nullptr, 0, &out, 1));
-    EXPECT_EQ(0, kestrel_zel_nn_append_const_node(id, 2, 1, 1, 1, 1, reinterpret_cast<const unsigned char*>("abcd"), 4));
+    const unsigned char word[4] = {1, 2, 3, 4};
+    EXPECT_EQ(0, kestrel_zel_nn_append_const_node(id, 2, 1, 1, 1, 1, word, 4));
     EXPECT_EQ(0, kestrel_zel_nn_append_node(id, 3, ZEL_OP_INPUT, 0, nullptr, 0, &out, 1));
     EXPECT_EQ(-5, kestrel_zel_nn_append_node(id, 4, ZEL_OP_OUTPUT, 0, &in, 1, nullptr, 0));
     EXPECT_EQ(0, kestrel_zel_nn_append_node(id, 5, ZEL_OP_OUTPUT, 0, &in, 1, nullptr, 0));

@@ -85,7 +85,8 @@ const RefusalCase kRefusals[] = {
      "node 4 (ZEL_OP_INPUT): ", "output 0 is too large"},
     {"InputNodeWithInputs", [](simtest::Graph& g) { return g.node(4, ZEL_OP_INPUT, {{1, 0}}, {rec(1, 1, 1, 1, 1)}); },
      "node 4 (ZEL_OP_INPUT): ", "takes no inputs"},
-    {"OutputNodeWithOutputs", [](simtest::Graph& g) { return g.node(4, ZEL_OP_OUTPUT, {{1, 0}}, {rec(1, 1, 1, 1, 1)}); },
+    {"OutputNodeWithOutputs",
+     [](simtest::Graph& g) { return g.node(4, ZEL_OP_OUTPUT, {{1, 0}}, {rec(1, 1, 1, 1, 1)}); },
      "node 4 (ZEL_OP_OUTPUT): ", "has no outputs"},
     {"AfterPrepare",
      [](simtest::Graph& g) {
@@ -143,7 +144,8 @@ TEST_F(ValidateTest, IdsMayLeaveGapsAndRefusedIdsMayBeReused) {
 
 TEST_F(ValidateTest, OpTableRefusalIsStoredWithTheNode) {
     // A QuantizedRelu_8 without its range inputs.
-    EXPECT_NE(0, g->node(4, ZEL_OP_QuantizedRelu_8, {{1, 0}}, {rec(1, 2, 2, 4, 1), simtest::range(), simtest::range()}));
+    const auto outputs = {rec(1, 2, 2, 4, 1), simtest::range(), simtest::range()};
+    EXPECT_NE(0, g->node(4, ZEL_OP_QuantizedRelu_8, {{1, 0}}, outputs));
     const std::string log = g->log();
     EXPECT_EQ(0u, log.find("node 4 (ZEL_OP_QuantizedRelu_8): ")) << log;
     EXPECT_GT(log.size(), std::string("node 4 (ZEL_OP_QuantizedRelu_8): ").size()) << log;

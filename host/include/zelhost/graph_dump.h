@@ -16,8 +16,13 @@ namespace host {
 // name). Returns "" and sets `error` when nothing can be rendered.
 std::string dumpLastRuntimeGraph(void* runtimeHandle, std::string& error);
 
+// The runtime's log (getlog) for its most recently created graph, "" when
+// there is none or the runtime cannot say which graph that is.
+std::string lastRuntimeLog(void* runtimeHandle);
+
 // Turns a one-node-a-line listing into DOT: every line that starts with a
-// node id becomes a box labelled with the rest of the line; references
+// node id, optionally after one word ("node 11: ...", "const 2: ..."),
+// becomes a box (an ellipse for "const") labelled with the line; references
 // written "<id>:<output>" or "(<id>,<output>)" become edges from that node.
 std::string listingToDot(const std::string& listing, const std::string& title);
 

@@ -1,0 +1,366 @@
+#!/usr/bin/env python3
+"""Turns the raw results of scripts/bench into one table: figure, goal,
+measured, pass/fail.
+
+Inputs (in --results DIR):
+  gbench.json        Google Benchmark output of zel_bench (CPU times)
+  count/*/           one callgrind run of zel_bench_count each: driver.txt
+                     (the driver's summary line) and callgrind.out.* (one
+                     file per thread; thread 1 is the calling thread)
+  memory.txt         zel_bench_memory output
+  machine.txt        key=value description of the machine
+
+Times are the minimum CPU time of the benchmark thread over the
+repetitions (interleaved with the other benchmarks), so ratios compare
+neighbours measured in the same run. Instruction counts are per action
+after a warm-up (see bench/zel_bench_count.cpp).
+
+Exit status: 0 every goal met, 1 a goal missed, 2 a figure is missing.
+"""
+
+import argparse
+import glob
+import json
+import os
+import re
+import sys
+
+MIB = 1024 * 1024
+
+
+class Missing(Exception):
+    pass
+
+
+def load_gbench(path):
+    """Minimum CPU seconds per iteration, and the user counters, by FIGURE/GRAPH."""
+    times = {}
+    counters = {}
+    if not os.path.exists(path):
+        return times, counters
+    with open(path) as f:
+        data = json.load(f)
+    for b in data.get("benchmarks", []):
+        if b.get("run_type") != "iteration" or b.get("error_occurred"):
+            continue
+        key = "/".join(b["name"].split("/")[:2])
+        scale = {"ns": 1e-9, "us": 1e-6, "ms": 1e-3, "s": 1.0}[b.get("time_unit", "ns")]
+        seconds = b["cpu_time"] * scale
+        times[key] = min(times.get(key, seconds), seconds)
+        counters[key] = b
+    return times, counters
+
+
+def load_counts(root):
+    counts = {}
+    for d in sorted(glob.glob(os.path.join(root, "*"))):
+        driver = os.path.join(d, "driver.txt")
+        if not os.path.exists(driver):
+            continue
+        text = open(driver).read().strip()
+        if not text:
+            continue
+        info = dict(item.split("=", 1) for item in text.split())
+        main = 0
+        background = 0
+        for path in glob.glob(os.path.join(d, "callgrind.out.*")):
+            thread = None
+            total = None
+            with open(path) as f:
+                for line in f:
+                    if line.startswith("thread:"):
+                        thread = int(line.split()[1])
+                    elif line.startswith("totals:") or (line.startswith("summary:") and total is None):
+                        total = int(line.split()[1])
+            if thread is None or total is None:
+                continue
+            if thread == 1:
+                main += total
+            else:
+                background += total
+        k = int(info["k"])
+        counts[(info["scenario"], info["graph"], k)] = {
+            "main": main / k,
+            "background": background / k,
+            "operations": int(info["operations"]),
+            "bytes": int(info["bytes"]),
+        }
+    return counts
+
+
+def load_memory(path):
+    rows = {}
+    if not os.path.exists(path):
+        return rows
+    for line in open(path):
+        line = line.strip()
+        if not line:
+            continue
+        info = dict(item.split("=", 1) for item in line.split())
+        rows[info["graph"]] = {k: int(v) for k, v in info.items() if k != "graph"}
+    return rows
+
+
+def si(value, unit=""):
+    for factor, prefix in ((1e9, "G"), (1e6, "M"), (1e3, "k")):
+        if abs(value) >= factor:
+            return "%.3g %s%s" % (value / factor, prefix, unit)
+    return "%.3g %s" % (value, unit) if unit else "%.3g" % value
+
+
+def count(value):
+    return "{:,}".format(int(round(value)))
+
+
+def seconds(value):
+    if value >= 1:
+        return "%.3g s" % value
+    if value >= 1e-3:
+        return "%.3g ms" % (value * 1e3)
+    return "%.3g µs" % (value * 1e6)
+
+
+def mib(value):
+    return "%.2f MiB" % (value / MIB)
+
+
+class Table:
+    def __init__(self):
+        self.rows = []
+        self.failed = False
+        self.missing = []
+
+    def add(self, number, figure, goal, compute):
+        """compute() returns (measured text, passed: True/False/None)."""
+        try:
+            measured, passed = compute()
+        except (Missing, KeyError, ZeroDivisionError) as e:
+            self.missing.append("%s %s (%s)" % (number, figure, e))
+            measured, passed = "not measured", False
+        if passed is None:
+            verdict = "info"
+        else:
+            verdict = "pass" if passed else "**FAIL**"
+            self.failed = self.failed or not passed
+        self.rows.append((number, figure, goal, measured, verdict))
+
+    def markdown(self):
+        lines = ["| # | figure | goal | measured | result |", "|---|---|---|---|---|"]
+        for r in self.rows:
+            lines.append("| %s |" % " | ".join(r))
+        return "\n".join(lines)
+
+
+def growth(values):
+    """Largest per-unit cost divided by the per-unit cost at the smallest size."""
+    return max(values) / values[0]
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--results", required=True)
+    parser.add_argument("--seconds", type=int, default=0, help="wall time of the whole run")
+    parser.add_argument("--update-doc", help="rewrite the generated part of this markdown file")
+    args = parser.parse_args()
+
+    r = args.results
+    times, counters = load_gbench(os.path.join(r, "gbench.json"))
+    counts = load_counts(os.path.join(r, "count"))
+    memory = load_memory(os.path.join(r, "memory.txt"))
+    machine = {}
+    if os.path.exists(os.path.join(r, "machine.txt")):
+        for line in open(os.path.join(r, "machine.txt")):
+            if "=" in line:
+                k, v = line.rstrip("\n").split("=", 1)
+                machine[k] = v
+
+    def t(name):
+        if name not in times:
+            raise Missing("no timing " + name)
+        return times[name]
+
+    def c(scenario, graph, k):
+        key = (scenario, graph, k)
+        if key not in counts:
+            raise Missing("no count %s %s K=%d" % key)
+        return counts[key]
+
+    chains = ["chain:10", "chain:100", "chain:1000", "chain:10000"]
+    chain_k = {"chain:10": 20, "chain:100": 5, "chain:1000": 2, "chain:10000": 1}
+    wides = ["wide:1M", "wide:10M", "wide:100M"]
+    support_wide_k = 2
+    table = Table()
+
+    # 1. Preparation against one memcpy of the constants.
+    def prep_ratio():
+        prep = t("prepare_passthrough/mobilenet")
+        copy = t("memcpy/mobilenet")
+        ratio = prep / copy
+        return ("%.2f× (%s against %s for %s)" % (ratio, seconds(prep), seconds(copy),
+                                                  si(c("prepare", "mobilenet", 2)["bytes"], "B")),
+                ratio <= 3.0)
+
+    table.add("1", "Pass-through preparation of MobileNet ÷ one memcpy of its constants (CPU time)", "≤ 3×",
+              prep_ratio)
+
+    def validated_ratio():
+        prep = t("prepare_validated/mobilenet")
+        copy = t("memcpy/mobilenet")
+        return "%.2f× (%s)" % (prep / copy, seconds(prep)), None
+
+    table.add("1b", "Validated preparation of MobileNet ÷ the same memcpy", "—", validated_ratio)
+
+    # 2. Per-execution overhead.
+    def exec_overhead():
+        plugin = c("execute", "mobilenet", 100)
+        direct = c("execute-direct", "mobilenet", 100)
+        version = c("version-direct", "mobilenet", 100)
+        calling = plugin["main"] - direct["main"]
+        total = calling + plugin["background"]
+        micro = t("execute_plugin/mobilenet") - t("execute_direct/mobilenet")
+        text = ("%s instructions: %s calling thread (%s of them the runtime's version answer) + %s voting thread; "
+                "%s per execution (%s against %s direct)" %
+                (count(total), count(calling), count(version["main"]), count(plugin["background"]),
+                 seconds(micro), seconds(t("execute_plugin/mobilenet")), seconds(t("execute_direct/mobilenet"))))
+        return text, total <= 15000
+
+    table.add("2", "Plug-in overhead per execution, 1-input 1-output graph, 100 executions in a row",
+              "≤ 15,000 instructions", exec_overhead)
+
+    # 3. Support query per operation.
+    def support_per_op():
+        s = c("support", "mobilenet", 5)
+        per_op = (s["main"] + s["background"]) / s["operations"]
+        return ("%s instructions (%s calling thread + %s voting thread); %s per query of %d operations" %
+                (count(per_op), count(s["main"] / s["operations"]), count(s["background"] / s["operations"]),
+                 seconds(t("support/mobilenet")), s["operations"]),
+                per_op <= 20000)
+
+    table.add("3", "Support query per operation, MobileNet", "≤ 20,000 instructions", support_per_op)
+
+    # 4. Simulator throughput.
+    def throughput():
+        seconds_per = t("inference/mobilenet")
+        macs = counters["inference/mobilenet"]["macs"]
+        rate = macs / seconds_per
+        return "%s MAC/s (%s MACs in %s)" % (si(rate), si(macs), seconds(seconds_per)), rate >= 1e9
+
+    table.add("4", "Simulator throughput, MobileNet with full numerics, one core", "≥ 1 G MAC/s", throughput)
+
+    # 5. Heap.
+    for graph, number in (("mobilenet", "5"), ("wide:100M", "5b")):
+        def heap(graph=graph):
+            if graph not in memory:
+                raise Missing("no heap figure for " + graph)
+            m = memory[graph]
+            limit = m["largest"] + MIB
+            return ("%s peak (largest constant %s, limit %s); %s kept by the executor" %
+                    (mib(m["peak"]), mib(m["largest"]), mib(limit), si(m["retained"], "B")),
+                    m["peak"] <= limit)
+
+        label = "MobileNet" if graph == "mobilenet" else "one 100 MB weight"
+        table.add(number, "Peak heap held by the plug-in while preparing, %s" % label,
+                  "≤ largest constant + 1 MiB", heap)
+
+    # 6. Scaling.
+    def flat(values, fmt, unit_label):
+        g = growth(values)
+        return "%s %s → %.2f×" % (" / ".join(fmt(v) for v in values), unit_label, g), g <= 2.0
+
+    def instr_per_op(scenario):
+        def compute():
+            values = []
+            for ch in chains:
+                x = c(scenario, ch, chain_k[ch])
+                values.append((x["main"] + x["background"]) / x["operations"])
+            return flat(values, count, "instructions")
+        return compute
+
+    def time_per_op(name):
+        def compute():
+            values = [t("%s/%s" % (name, ch)) / int(ch.split(":")[1]) for ch in chains]
+            return flat(values, seconds, "")
+        return compute
+
+    table.add("6a", "Preparation per operation, chains of 10 / 100 / 1,000 / 10,000 (instructions)",
+              "flat, ≤ 2×", instr_per_op("prepare"))
+    table.add("6b", "Support query per operation, same chains (instructions)", "flat, ≤ 2×",
+              instr_per_op("support"))
+    table.add("6c", "Preparation per operation, same chains (CPU time)", "flat, ≤ 2×",
+              time_per_op("prepare_passthrough"))
+    table.add("6d", "Support query per operation, same chains (CPU time)", "flat, ≤ 2×", time_per_op("support"))
+
+    def prep_per_byte_instr():
+        values = []
+        for w in wides:
+            x = c("prepare", w, 1)
+            values.append((x["main"] + x["background"]) / x["bytes"])
+        return flat(values, lambda v: "%.2f" % v, "instructions/byte")
+
+    def prep_per_byte_time():
+        values = []
+        for w in wides:
+            values.append(t("prepare_passthrough/" + w) / c("prepare", w, 1)["bytes"])
+        ratio = [t("prepare_passthrough/" + w) / t("memcpy/" + w) for w in wides]
+        text, ok = flat([v * 1e9 for v in values], lambda v: "%.2f" % v, "ns/byte")
+        return text + " (%s × memcpy)" % " / ".join("%.1f" % x for x in ratio), ok
+
+    def support_wide():
+        values = []
+        for w in wides:
+            x = c("support", w, support_wide_k)
+            values.append(x["main"] + x["background"])
+        return flat(values, count, "instructions per query")
+
+    table.add("6e", "Preparation per byte, one weight of 1 / 10 / 100 MB (instructions)", "flat, ≤ 2×",
+              prep_per_byte_instr)
+    table.add("6f", "Preparation per byte, same weights (CPU time)", "flat, ≤ 2×", prep_per_byte_time)
+    table.add("6g", "Support query, same weights (instructions per query)", "flat, ≤ 2×", support_wide)
+
+    def voting_growth():
+        few = c("execute", "mobilenet", 100)
+        many = c("execute", "mobilenet", 1000)
+        values = [few["background"], many["background"]]
+        main_values = [few["main"], many["main"]]
+        g = growth(values)
+        return ("voting thread %s / %s, calling thread %s / %s instructions per execution → %.2f×" %
+                (count(values[0]), count(values[1]), count(main_values[0]), count(main_values[1]), g), g <= 2.0)
+
+    table.add("6h", "Work per execution, 100 / 1,000 executions in a row", "flat, ≤ 2×", voting_growth)
+
+    # Output.
+    lines = []
+    lines.append(table.markdown())
+    lines.append("")
+    lines.append("Machine: %s, %s cores, %s, %s; %s; %s. Load average at start: %s." %
+                 (machine.get("cpu", "?"), machine.get("cores", "?"), machine.get("memory", "?"),
+                  machine.get("kernel", "?"), machine.get("compiler", "?"), machine.get("valgrind", "?"),
+                  machine.get("load", "?")))
+    lines.append("Run: %s, revision %s%s." % (machine.get("date", "?"), machine.get("revision", "?"),
+                                               (", %d s in all" % args.seconds) if args.seconds else ""))
+    if table.missing:
+        lines.append("")
+        lines.append("Not measured: " + "; ".join(table.missing))
+    text = "\n".join(lines)
+    print(text)
+    with open(os.path.join(r, "table.md"), "w") as f:
+        f.write(text + "\n")
+
+    if args.update_doc:
+        doc = open(args.update_doc).read()
+        begin, end = "<!-- bench-table:begin -->", "<!-- bench-table:end -->"
+        if begin not in doc or end not in doc:
+            print("%s has no %s ... %s markers" % (args.update_doc, begin, end), file=sys.stderr)
+            return 2
+        head, rest = doc.split(begin, 1)
+        _, tail = rest.split(end, 1)
+        with open(args.update_doc, "w") as f:
+            f.write(head + begin + "\n" + text + "\n" + end + tail)
+
+    if table.missing:
+        return 2
+    return 1 if table.failed else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,31 @@
+# Smoke run of the benchmark programs with tiny sizes (ctest label "bench").
+# cmake -DBENCH=... -DCOUNT=... -DMEMORY=... -DNULLRT_DIR=... -P smoke.cmake
+
+function(run_checked what expect)
+  execute_process(COMMAND ${ARGN} RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
+  if(NOT rc EQUAL 0)
+    message(FATAL_ERROR "${what}: exit ${rc}\n${out}\n${err}")
+  endif()
+  if(out MATCHES "ERROR OCCURRED")
+    message(FATAL_ERROR "${what}: a benchmark reported an error\n${out}")
+  endif()
+  if(NOT out MATCHES "${expect}")
+    message(FATAL_ERROR "${what}: output does not match '${expect}'\n${out}\n${err}")
+  endif()
+  message(STATUS "${what}: ok")
+endfunction()
+
+run_checked("zel_bench" "inference/mobilenet:16"
+            ${BENCH} --zel_tiny --benchmark_min_time=0.001)
+
+foreach(scenario support prepare prepare-validated execute execute-direct version-direct)
+  run_checked("zel_bench_count ${scenario}" "scenario=${scenario} graph=mobilenet:16 k=2 operations=29"
+              ${COUNT} ${scenario} mobilenet:16 2)
+endforeach()
+run_checked("zel_bench_count chain" "scenario=prepare graph=chain:10 k=1 operations=10" ${COUNT} prepare chain:10 1)
+run_checked("zel_bench_count wide" "scenario=support graph=wide:100K k=1 operations=1" ${COUNT} support wide:100K 1)
+
+# The plug-in must hand every weight byte to the runtime and hold the heap
+# for no more than a moment beyond what the executor keeps.
+run_checked("zel_bench_memory" "graph=wide:100K largest=10[0-9]+ peak=[0-9]+ retained=-?[0-9]+ handed=[1-9]"
+            ${CMAKE_COMMAND} -E env LD_LIBRARY_PATH=${NULLRT_DIR} ${MEMORY} mobilenet:16 wide:100K)

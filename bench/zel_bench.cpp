@@ -1,0 +1,225 @@
+// Time benchmarks of the plug-in against the simulator, Google Benchmark.
+// Each figure is meant to be read against its neighbour measured in the
+// same run (preparation against one memcpy of the constants, plug-in
+// execution against a direct runtime call), never as an absolute time:
+// the machines are shared and noisy.
+//
+// Benchmarks are named FIGURE/GRAPH (graph names: bench_support.h):
+//   memcpy/G               one memcpy of all constant bytes of G
+//   prepare_passthrough/G  createGraphExecutor, simulator only copying constants
+//   prepare_validated/G    createGraphExecutor, simulator validating every node
+//   support/G              isGraphSupported
+//   execute_plugin/G       ZelExecutor::execute, simulator in pass-through
+//   execute_direct/G       kestrel_zel_nn_execute_new with the same records
+//   inference/G            ZelExecutor::execute with full simulator numerics
+//
+// Extra flag (before or after the benchmark flags):
+//   --zel_tiny   small graphs and single repetitions, for the smoke test
+#include <benchmark/benchmark.h>
+
+#include <cstring>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "bench_support.h"
+#include "zelsim/control.h"
+
+namespace {
+
+using arv::nnhal::IGraphExecutor;
+using arv::nnhal::Status;
+using zelbench::HostGraph;
+
+// Graphs are built once per process and shared by the benchmarks.
+HostGraph& graphFor(const std::string& spec) {
+    static std::map<std::string, std::unique_ptr<HostGraph>> cache;
+    std::unique_ptr<HostGraph>& slot = cache[spec];
+    if (!slot) slot = zelbench::makeGraph(spec);
+    return *slot;
+}
+
+// A clean simulator for every benchmark run (no recorded calls piling up).
+void resetRuntime(bool passThrough) {
+    zelsim::reset();
+    zelsim::setPassThrough(passThrough);
+}
+
+void describeGraph(benchmark::State& state, HostGraph& graph) {
+    state.counters["operations"] = zelbench::operationCount(graph);
+    state.counters["constant_bytes"] = static_cast<double>(zelbench::constantBytes(graph));
+}
+
+void memcpyConstants(benchmark::State& state, const std::string& spec) {
+    HostGraph& graph = graphFor(spec);
+    const size_t bytes = static_cast<size_t>(zelbench::constantBytes(graph));
+    // Source: every constant laid end to end; destination written once
+    // beforehand so that page faults stay out of the copy.
+    std::vector<uint8_t> source;
+    source.reserve(bytes);
+    for (uint32_t i = 0; i < graph.getOperandCount(); ++i) {
+        const auto& operand = graph.operand(i);
+        if (operand.mLifetime == arv::nnhal::host::Lifetime::Constant) {
+            source.insert(source.end(), operand.mData.begin(), operand.mData.end());
+        }
+    }
+    std::vector<uint8_t> destination(bytes, 1);
+    for (auto _ : state) {
+        std::memcpy(destination.data(), source.data(), bytes);
+        benchmark::DoNotOptimize(destination.data());
+        benchmark::ClobberMemory();
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * bytes));
+    describeGraph(state, graph);
+}
+
+void prepareGraph(benchmark::State& state, const std::string& spec, bool passThrough) {
+    HostGraph& graph = graphFor(spec);
+    resetRuntime(passThrough);
+    for (auto _ : state) {
+        IGraphExecutor* executor = zelbench::prepare(graph);
+        if (executor == nullptr) {
+            state.SkipWithError("createGraphExecutor failed");
+            break;
+        }
+        state.PauseTiming();
+        executor->release();
+        state.ResumeTiming();
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * zelbench::constantBytes(graph)));
+    describeGraph(state, graph);
+}
+
+void supportQuery(benchmark::State& state, const std::string& spec) {
+    HostGraph& graph = graphFor(spec);
+    resetRuntime(true);
+    arv::nnhal::host::HostSupportQuery query(graph.getOperationCount());
+    for (auto _ : state) {
+        zelbench::accelerator()->isGraphSupported(&graph, &query);
+    }
+    int supported = 0;
+    for (int level : query.levels()) supported += level == 0 ? 1 : 0;
+    state.counters["supported"] = supported;
+    describeGraph(state, graph);
+}
+
+// Executions on a graph prepared in pass-through mode: `direct` calls the
+// runtime with the records the plug-in would build, skipping the plug-in.
+void executeGraph(benchmark::State& state, const std::string& spec, bool direct) {
+    HostGraph& graph = graphFor(spec);
+    resetRuntime(true);
+    IGraphExecutor* executor = zelbench::prepare(graph);
+    if (executor == nullptr) {
+        state.SkipWithError("createGraphExecutor failed");
+        return;
+    }
+    {
+        const int graphId = zelbench::runtimeGraphId(executor);
+        zelbench::Bindings bindings(graph);
+        auto& ins = bindings.inputs();
+        auto& outs = bindings.outputs();
+        for (auto _ : state) {
+            const bool ok = direct ? kestrel_zel_nn_execute_new(graphId, ins.data(), static_cast<unsigned>(ins.size()),
+                                                                outs.data(), static_cast<unsigned>(outs.size())) == 0
+                                   : executor->execute().status == Status::SUCCESS;
+            if (!ok) {
+                state.SkipWithError("execution failed");
+                break;
+            }
+        }
+    }
+    executor->release();
+    describeGraph(state, graph);
+}
+
+// One inference with the simulator's full numerics.
+void inference(benchmark::State& state, const std::string& spec) {
+    HostGraph& graph = graphFor(spec);
+    resetRuntime(false);
+    IGraphExecutor* executor = zelbench::prepare(graph);
+    if (executor == nullptr) {
+        state.SkipWithError("createGraphExecutor failed");
+        return;
+    }
+    {
+        zelbench::Bindings bindings(graph);
+        for (auto _ : state) {
+            if (executor->execute().status != Status::SUCCESS) {
+                state.SkipWithError("execution failed");
+                break;
+            }
+        }
+    }
+    executor->release();
+    const double macs = static_cast<double>(zelbench::macsOf(spec));
+    state.counters["macs"] = macs;
+    state.counters["MAC/s"] = benchmark::Counter(macs * static_cast<double>(state.iterations()),
+                                                 benchmark::Counter::kIsRate);
+    describeGraph(state, graph);
+}
+
+struct Sizes {
+    std::string mobilenet;
+    std::vector<std::string> chains;
+    std::vector<std::string> wides;
+    int repetitions;
+};
+
+void registerAll(const Sizes& sizes, bool tiny) {
+    // Quick, repeated figures: repetitions interleave with their neighbours
+    // when --benchmark_enable_random_interleaving=true is given.
+    auto quick = [&](benchmark::internal::Benchmark* b) {
+        b->Repetitions(sizes.repetitions);
+        if (!tiny) b->MinTime(0.2);
+    };
+    const std::string& m = sizes.mobilenet;
+    quick(benchmark::RegisterBenchmark(("memcpy/" + m).c_str(), memcpyConstants, m));
+    quick(benchmark::RegisterBenchmark(("prepare_passthrough/" + m).c_str(), prepareGraph, m, true));
+    quick(benchmark::RegisterBenchmark(("prepare_validated/" + m).c_str(), prepareGraph, m, false));
+    quick(benchmark::RegisterBenchmark(("support/" + m).c_str(), supportQuery, m));
+    quick(benchmark::RegisterBenchmark(("execute_plugin/" + m).c_str(), executeGraph, m, false));
+    quick(benchmark::RegisterBenchmark(("execute_direct/" + m).c_str(), executeGraph, m, true));
+    // Full numerics are slow: one inference per repetition.
+    benchmark::RegisterBenchmark(("inference/" + m).c_str(), inference, m)
+        ->Iterations(1)
+        ->Repetitions(tiny ? 1 : 3);
+    for (const std::string& c : sizes.chains) {
+        quick(benchmark::RegisterBenchmark(("prepare_passthrough/" + c).c_str(), prepareGraph, c, true));
+        quick(benchmark::RegisterBenchmark(("support/" + c).c_str(), supportQuery, c));
+    }
+    for (const std::string& w : sizes.wides) {
+        quick(benchmark::RegisterBenchmark(("memcpy/" + w).c_str(), memcpyConstants, w));
+        quick(benchmark::RegisterBenchmark(("prepare_passthrough/" + w).c_str(), prepareGraph, w, true));
+        quick(benchmark::RegisterBenchmark(("support/" + w).c_str(), supportQuery, w));
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    bool tiny = false;
+    std::vector<char*> args;
+    for (int i = 0; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--zel_tiny") == 0) {
+            tiny = true;
+        } else {
+            args.push_back(argv[i]);
+        }
+    }
+    int count = static_cast<int>(args.size());
+    benchmark::Initialize(&count, args.data());
+    if (benchmark::ReportUnrecognizedArguments(count, args.data())) return 1;
+
+    Sizes sizes;
+    if (tiny) {
+        sizes = {"mobilenet:16", {"chain:10", "chain:100"}, {"wide:100K"}, 1};
+    } else {
+        sizes = {"mobilenet", {"chain:10", "chain:100", "chain:1000", "chain:10000"}, {"wide:1M", "wide:10M", "wide:100M"},
+                 5};
+    }
+    registerAll(sizes, tiny);
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}

@@ -1,0 +1,11 @@
+# Simulator kernels and per-node validation, linked straight to zelsim_ops.
+zel_add_gtest(simops_test
+  SOURCES
+    simops/accumulate_test.cpp
+    simops/bytes_test.cpp
+    simops/validate_test.cpp
+    simops/kernels_test.cpp
+  LIBS zelsim_ops
+  LABELS simops)
+# The kernel-level tests reach the integer and reference forms directly.
+target_include_directories(simops_test PRIVATE ${CMAKE_SOURCE_DIR}/sim/ops)

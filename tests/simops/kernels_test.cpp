@@ -1,0 +1,134 @@
+// The integer kernels against the reference ones, over a sweep of shapes,
+// paddings and zero points: wherever the integer form applies they must
+// agree exactly.
+#include "kernels.h"
+#include "simops_util.h"
+
+namespace simops {
+namespace {
+
+using zelsim::detail::Affine8;
+using zelsim::detail::makeAffine8;
+namespace k = zelsim::kernels;
+
+Affine8 affine(float scale, int32_t zero) {
+    const HostRange r = hostRange(scale, zero);
+    Affine8 a;
+    EXPECT_TRUE(makeAffine8(r.min, r.max, &a));
+    EXPECT_TRUE(a.integral);
+    EXPECT_EQ(a.zero, zero);
+    return a;
+}
+
+uint32_t outSize(uint32_t in, uint32_t f, uint32_t s, bool same, uint32_t* pad) {
+    if (same) {
+        const uint32_t out = (in + s - 1) / s;
+        const int total = static_cast<int>((out - 1) * s + f) - static_cast<int>(in);
+        *pad = total > 0 ? static_cast<uint32_t>(total / 2) : 0;
+        return out;
+    }
+    *pad = 0;
+    return (in - f) / s + 1;
+}
+
+struct Sweep {
+    uint32_t batches, inH, inW, inD, fH, fW, outD, stride;
+    bool same;
+    int32_t zi, zf;
+};
+
+const Sweep kSweeps[] = {
+    {1, 7, 7, 3, 3, 3, 8, 2, true, 128, 128},  {2, 5, 6, 4, 2, 3, 5, 1, true, 0, 255},
+    {1, 9, 4, 16, 1, 1, 33, 1, false, 17, 3},  {1, 6, 6, 5, 3, 3, 7, 3, false, 255, 0},
+    {1, 1, 1, 70, 1, 1, 4, 1, true, 100, 101}, {3, 4, 4, 2, 4, 4, 3, 1, true, 50, 200},
+    {1, 11, 3, 6, 5, 1, 18, 2, true, -255, 510},
+};
+
+TEST(IntegerKernels, ConvMatchesReference) {
+    Lcg g(99);
+    for (const Sweep& w : kSweeps) {
+        k::ConvShape s;
+        s.batches = w.batches, s.inH = w.inH, s.inW = w.inW, s.inD = w.inD, s.fH = w.fH, s.fW = w.fW;
+        s.outD = w.outD, s.strideH = s.strideW = w.stride;
+        s.outH = outSize(w.inH, w.fH, w.stride, w.same, &s.padTop);
+        s.outW = outSize(w.inW, w.fW, w.stride, w.same, &s.padLeft);
+        const Affine8 ai = affine(0.5f, w.zi), af = affine(0.25f, w.zf);
+        ASSERT_TRUE(k::integerSumsFit(k::convTaps(s), ai, af));
+        const std::vector<uint8_t> in = g.bytes(w.batches * w.inH * w.inW * w.inD);
+        const std::vector<uint8_t> f = g.bytes(w.fH * w.fW * w.inD * w.outD);
+        const size_t n = static_cast<size_t>(s.batches) * s.outH * s.outW * s.outD;
+        std::vector<int32_t> fast(n, -1), ref(n, -2);
+        k::convInteger(s, in.data(), ai, f.data(), af, fast.data());
+        k::convReference(s, in.data(), ai, f.data(), af, ai.step * af.step, ref.data());
+        EXPECT_EQ(fast, ref) << "sweep " << (&w - kSweeps);
+    }
+}
+
+TEST(IntegerKernels, DepthwiseMatchesReference) {
+    Lcg g(98);
+    for (const Sweep& w : kSweeps) {
+        for (uint32_t mult : {1u, 2u, 3u}) {
+            k::ConvShape s;
+            s.batches = w.batches, s.inH = w.inH, s.inW = w.inW, s.inD = w.inD, s.fH = w.fH, s.fW = w.fW;
+            s.mult = mult, s.outD = w.inD * mult, s.strideH = s.strideW = w.stride;
+            s.outH = outSize(w.inH, w.fH, w.stride, w.same, &s.padTop);
+            s.outW = outSize(w.inW, w.fW, w.stride, w.same, &s.padLeft);
+            const Affine8 ai = affine(0.5f, w.zi), af = affine(0.25f, w.zf);
+            const std::vector<uint8_t> in = g.bytes(w.batches * w.inH * w.inW * w.inD);
+            const std::vector<uint8_t> f = g.bytes(w.fH * w.fW * s.outD);
+            const size_t n = static_cast<size_t>(s.batches) * s.outH * s.outW * s.outD;
+            std::vector<int32_t> fast(n, -1), ref(n, -2);
+            k::depthwiseInteger(s, in.data(), ai, f.data(), af, fast.data());
+            k::depthwiseReference(s, in.data(), ai, f.data(), af, ai.step * af.step, ref.data());
+            EXPECT_EQ(fast, ref) << "sweep " << (&w - kSweeps) << " multiplier " << mult;
+        }
+    }
+}
+
+TEST(IntegerKernels, MatMulMatchesReference) {
+    Lcg g(97);
+    const uint32_t shapes[][3] = {{1, 1, 1}, {3, 17, 5}, {4, 64, 16}, {9, 33, 37}, {5, 1024, 3}};
+    for (const auto& sh : shapes) {
+        const Affine8 ai = affine(0.125f, 3), aw = affine(0.5f, 250);
+        const std::vector<uint8_t> in = g.bytes(sh[0] * sh[1]), w = g.bytes(sh[1] * sh[2]);
+        std::vector<int32_t> fast(sh[0] * sh[2], -1), ref(sh[0] * sh[2], -2);
+        k::matmulInteger(sh[0], sh[1], sh[2], in.data(), ai, w.data(), aw, fast.data());
+        k::matmulReference(sh[0], sh[1], sh[2], in.data(), ai, w.data(), aw, ai.step * aw.step, ref.data());
+        EXPECT_EQ(fast, ref) << sh[0] << "x" << sh[1] << "x" << sh[2];
+    }
+}
+
+// Zero rows of A are skipped by the product; the sums must not change.
+TEST(IntegerKernels, GemmWithZeroRuns) {
+    const uint32_t rows = 6, depth = 5, cols = 19;
+    std::vector<int16_t> a(rows * depth, 0), b(depth * cols);
+    for (size_t i = 0; i < b.size(); ++i) b[i] = static_cast<int16_t>(static_cast<int>(i % 23) - 11);
+    a[0 * depth + 2] = 255;
+    a[3 * depth + 4] = -255;
+    a[5 * depth + 0] = 7;
+    std::vector<int32_t> c(rows * cols, 99);
+    k::gemmS16(rows, depth, cols, a.data(), b.data(), c.data());
+    for (uint32_t r = 0; r < rows; ++r)
+        for (uint32_t j = 0; j < cols; ++j) {
+            int32_t want = 0;
+            for (uint32_t d = 0; d < depth; ++d) want += a[r * depth + d] * b[d * cols + j];
+            EXPECT_EQ(c[r * cols + j], want) << r << "," << j;
+        }
+}
+
+// The bound that decides between the two forms.
+TEST(IntegerKernels, SumBound) {
+    const Affine8 z0 = affine(0.5f, 0), z128 = affine(0.5f, 128);
+    EXPECT_TRUE(k::integerSumsFit(33025, z0, z0));
+    EXPECT_FALSE(k::integerSumsFit(33026, z0, z0));
+    // |q - 128| <= 128: 131071 * 128 * 128 = 2147467264.
+    EXPECT_TRUE(k::integerSumsFit(131071, z128, z128));
+    EXPECT_FALSE(k::integerSumsFit(131072, z128, z128));
+    Affine8 odd;
+    ASSERT_TRUE(makeAffine8(0.3f, 1.7f, &odd));
+    EXPECT_FALSE(odd.integral);
+    EXPECT_FALSE(k::integerSumsFit(1, odd, z0));
+}
+
+}  // namespace
+}  // namespace simops

@@ -1,0 +1,227 @@
+// Builders for one-node runs of the simulator's kernels and validations.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <deque>
+#include <string>
+#include <vector>
+
+#include "zelsim/ops.h"
+
+namespace simops {
+
+using zelsim::InputInfo;
+using zelsim::NodeDesc;
+using zelsim::OpSpec;
+using zelsim::Tensor;
+
+struct D4 {
+    uint32_t b, h, w, c;
+    uint32_t count() const { return b * h * w * c; }
+};
+
+inline Tensor u8(D4 d, std::vector<uint8_t> v) {
+    Tensor t;
+    t.dims[0] = d.b, t.dims[1] = d.h, t.dims[2] = d.w, t.dims[3] = d.c;
+    t.elementSize = 1;
+    t.data = std::move(v);
+    return t;
+}
+
+inline Tensor i32(D4 d, const std::vector<int32_t>& v) {
+    Tensor t;
+    t.dims[0] = d.b, t.dims[1] = d.h, t.dims[2] = d.w, t.dims[3] = d.c;
+    t.elementSize = 4;
+    t.data.resize(v.size() * 4);
+    std::memcpy(t.data.data(), v.data(), t.data.size());
+    return t;
+}
+
+inline Tensor f32(D4 d, const std::vector<float>& v) {
+    Tensor t;
+    t.dims[0] = d.b, t.dims[1] = d.h, t.dims[2] = d.w, t.dims[3] = d.c;
+    t.elementSize = 4;
+    t.data.resize(v.size() * 4);
+    std::memcpy(t.data.data(), v.data(), t.data.size());
+    return t;
+}
+
+inline Tensor scalar(float v) { return f32({1, 1, 1, 1}, {v}); }
+
+// A shape-only constant (stride, window): dims 1xHxWx1 over one zero word.
+inline Tensor hw(uint32_t h, uint32_t w) {
+    Tensor t;
+    t.dims[1] = h, t.dims[2] = w;
+    t.elementSize = (h * w != 0 && 4 % (h * w) == 0) ? 4 / (h * w) : 1;
+    t.data.assign(4, 0);
+    return t;
+}
+
+inline std::vector<uint8_t> bytes(const Tensor& t) { return t.data; }
+
+inline std::vector<int32_t> ints(const Tensor& t) {
+    std::vector<int32_t> v(t.data.size() / 4);
+    std::memcpy(v.data(), t.data.data(), v.size() * 4);
+    return v;
+}
+
+inline std::vector<float> floats(const Tensor& t) {
+    std::vector<float> v(t.data.size() / 4);
+    std::memcpy(v.data(), t.data.data(), v.size() * 4);
+    return v;
+}
+
+inline float first(const Tensor& t) { return floats(t).at(0); }
+
+// Step of an int32 value from its range outputs.
+inline double step32(const std::vector<Tensor>& outs) {
+    return (static_cast<double>(first(outs[2])) - first(outs[1])) / 4294967296.0;
+}
+
+// One node run through findOp(op)->execute. Outputs are sized like the
+// graph store sizes them from the node's records.
+struct OpRun {
+    NodeDesc node;
+    std::vector<Tensor> ins;
+    std::vector<Tensor> outs;
+    std::string error;
+
+    OpRun(int32_t op, int32_t padding = 0) {
+        node.op = op;
+        node.padding = padding;
+    }
+    OpRun& in(Tensor t) {
+        ins.push_back(std::move(t));
+        return *this;
+    }
+    OpRun& out(D4 d, uint32_t elementSize) {
+        Tensor t;
+        t.dims[0] = d.b, t.dims[1] = d.h, t.dims[2] = d.w, t.dims[3] = d.c;
+        t.elementSize = elementSize;
+        t.data.assign(static_cast<size_t>(d.count()) * elementSize, 0xEE);
+        outs.push_back(std::move(t));
+        return *this;
+    }
+    // Value record plus the two range records.
+    OpRun& quantOut(D4 d, uint32_t elementSize) { return out(d, elementSize).out({1, 1, 1, 1}, 4).out({1, 1, 1, 1}, 4); }
+    bool run() {
+        const OpSpec* spec = zelsim::findOp(node.op);
+        if (!spec || !spec->execute) {
+            error = "no kernel";
+            return false;
+        }
+        std::vector<const Tensor*> p;
+        for (const Tensor& t : ins) p.push_back(&t);
+        return spec->execute(node, p, outs, &error);
+    }
+};
+
+inline kestrel_zel_nn_output record(D4 d, uint32_t elementSize) {
+    kestrel_zel_nn_output r{};
+    r.rank = 4;
+    r.max_sizes[0] = d.b, r.max_sizes[1] = d.h, r.max_sizes[2] = d.w, r.max_sizes[3] = d.c;
+    r.elementsize = elementSize;
+    return r;
+}
+
+// A node as validation sees it; owns the records and constant bytes, and
+// builds the InputInfo list (pointing into itself) at validation time, so
+// copies stay valid.
+struct NodeCheck {
+    enum Kind { kRecord, kConst, kNone };
+    struct Input {
+        Kind kind;
+        size_t index;
+        D4 dims;
+    };
+    NodeDesc node;
+    std::vector<kestrel_zel_nn_output> records;
+    std::vector<std::vector<uint8_t>> consts;
+    std::vector<Input> inputs;
+
+    NodeCheck(int32_t op, int32_t padding = 0) {
+        node.op = op;
+        node.padding = padding;
+    }
+    NodeCheck& add(Kind kind, size_t index, D4 d) {
+        inputs.push_back({kind, index, d});
+        node.inputs.push_back({kind == kNone ? 0u : static_cast<uint32_t>(inputs.size()), 0});
+        return *this;
+    }
+    // An operation output feeding the node.
+    NodeCheck& value(D4 d, uint32_t elementSize) {
+        records.push_back(record(d, elementSize));
+        return add(kRecord, records.size() - 1, d);
+    }
+    NodeCheck& constant(D4 d, std::vector<uint8_t> data) {
+        consts.push_back(std::move(data));
+        return add(kConst, consts.size() - 1, d);
+    }
+    NodeCheck& bytesOf(D4 d) { return constant(d, std::vector<uint8_t>(d.count(), 7)); }
+    // An input that refers to nothing.
+    NodeCheck& none() { return add(kNone, 0, {0, 0, 0, 0}); }
+    NodeCheck& scalar(float v) {
+        std::vector<uint8_t> b(4);
+        std::memcpy(b.data(), &v, 4);
+        return constant({1, 1, 1, 1}, b);
+    }
+    NodeCheck& int32s(D4 d, const std::vector<int32_t>& v) {
+        std::vector<uint8_t> b(v.size() * 4);
+        std::memcpy(b.data(), v.data(), b.size());
+        return constant(d, b);
+    }
+    NodeCheck& shape(uint32_t h, uint32_t w) { return constant({1, h, w, 1}, std::vector<uint8_t>(4, 0)); }
+    NodeCheck& out(D4 d, uint32_t elementSize) {
+        node.outputs.push_back(record(d, elementSize));
+        return *this;
+    }
+    NodeCheck& quantOut(D4 d, uint32_t elementSize) { return out(d, elementSize).out({1, 1, 1, 1}, 4).out({1, 1, 1, 1}, 4); }
+    std::string validate() const {
+        const OpSpec* spec = zelsim::findOp(node.op);
+        if (!spec) return "unknown op";
+        std::vector<InputInfo> infos;
+        for (const Input& i : inputs) {
+            InputInfo info;
+            if (i.kind == kRecord) info.record = &records[i.index];
+            if (i.kind == kConst) {
+                info.isConst = true;
+                info.constDims[0] = i.dims.b, info.constDims[1] = i.dims.h;
+                info.constDims[2] = i.dims.w, info.constDims[3] = i.dims.c;
+                info.constData = &consts[i.index];
+            }
+            infos.push_back(info);
+        }
+        return spec->validate(node, infos);
+    }
+};
+
+// Small deterministic generator for test data.
+struct Lcg {
+    uint32_t s;
+    explicit Lcg(uint32_t seed) : s(seed) {}
+    uint32_t next() {
+        s = s * 1664525u + 1013904223u;
+        return s >> 8;
+    }
+    uint8_t byte() { return static_cast<uint8_t>(next() & 0xFF); }
+    std::vector<uint8_t> bytes(size_t n) {
+        std::vector<uint8_t> v(n);
+        for (auto& b : v) b = byte();
+        return v;
+    }
+};
+
+// The real range of a host quantization (scale, zero point) as the
+// plug-in makes it: single-precision products.
+struct HostRange {
+    float min, max;
+};
+inline HostRange hostRange(float scale, int32_t zero) {
+    return {scale * static_cast<float>(0 - zero), scale * static_cast<float>(255 - zero)};
+}
+
+}  // namespace simops

@@ -114,10 +114,19 @@ uint64_t macsOf(const std::string& spec) {
     return arv::nnhal::host::mobileNetMacs(options);
 }
 
+namespace {
+arv::nnhal::IAccelerator* gAccelerator = nullptr;
+}  // namespace
+
 arv::nnhal::IAccelerator* accelerator() {
     static arv::nnhal::host::HostAcceleratorContext context;
-    static arv::nnhal::IAccelerator* instance = CreateAccelerator_zel(&context);
-    return instance;
+    if (gAccelerator == nullptr) gAccelerator = CreateAccelerator_zel(&context);
+    return gAccelerator;
+}
+
+void resetAccelerator() {
+    if (gAccelerator != nullptr) gAccelerator->release();
+    gAccelerator = nullptr;
 }
 
 arv::nnhal::IGraphExecutor* prepare(HostGraph& graph) {

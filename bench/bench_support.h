@@ -36,8 +36,12 @@ uint64_t largestConstant(HostGraph& graph);
 // graph; 0 otherwise.
 uint64_t macsOf(const std::string& spec);
 
-// The plug-in's accelerator, created once per process through the factory.
+// The plug-in's accelerator, created through the factory on first use.
 arv::nnhal::IAccelerator* accelerator();
+// Releases the accelerator, which makes the plug-in reopen the runtime with
+// a fresh power voting thread (an empty vote queue); the next accelerator()
+// creates a new one. Every executor must have been released before.
+void resetAccelerator();
 
 // createGraphExecutor, null (with a message on stderr) when it fails.
 arv::nnhal::IGraphExecutor* prepare(HostGraph& graph);

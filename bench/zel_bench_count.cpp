@@ -7,8 +7,8 @@
 // collection is switched off around release() and while waiting); the
 // other threads are the plug-in's power voting thread, counted for as long
 // as instrumentation is on: after the K actions the driver waits until the
-// voting thread's queue stops changing, so the work the actions queued is
-// in the count. Without valgrind the client requests do nothing and the
+// votes the actions cast have fallen due and the voting thread's queue
+// stops changing, so the work the actions queued is in the count. Without valgrind the client requests do nothing and the
 // program is a quick functional check.
 //
 // Scenarios (the runtime is the simulator, linked into this program):
@@ -57,12 +57,15 @@ int usage() {
     return 2;
 }
 
-// Under valgrind, waits until the voting thread's queue has kept its size
-// for a while (it has handled everything that is due), at most a minute.
+// Under valgrind, gives the voting thread time to handle what the actions
+// queued: down votes and token releases fall due 5 s after they are cast,
+// so it waits 5.5 s, then until the queue has kept its size for 200 ms
+// (at most a minute more).
 void settle() {
     if (!RUNNING_ON_VALGRIND) return;
     auto lib = arv::nnhal::zel::Controller::getInstance()->getNnLib();
     if (!lib || lib->votingThread() == nullptr) return;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5500));
     size_t last = lib->votingThread()->queueSize();
     int stable = 0;
     for (int polls = 0; polls < 3000 && stable < 10; ++polls) {

@@ -9,6 +9,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <shared_mutex>
 #include <string>
 #include <thread>
 #include <unordered_map>
@@ -149,9 +150,15 @@ public:
     int set_powersave_level(unsigned int level);
 
     // True when the library is open (handle held).
-    bool isLoaded() const { return mHandle != nullptr; }
+    bool isLoaded() const {
+        std::shared_lock<std::shared_mutex> call(mCallMutex);
+        return mHandle != nullptr;
+    }
     // True when the version entry point is bound.
-    bool hasVersion() const { return mVersion != nullptr; }
+    bool hasVersion() const {
+        std::shared_lock<std::shared_mutex> call(mCallMutex);
+        return mVersion != nullptr;
+    }
     // True when the power-save entry point is bound (never, by design).
     bool hasPowersaveLevel() const { return mSetPowersaveLevel != nullptr; }
 
@@ -183,6 +190,10 @@ private:
 
     void* mHandle = nullptr;
     std::recursive_mutex mMutex;
+    // Held shared by every runtime call and exclusively while the table is
+    // cleared and the library closed: calls of models built before a reset
+    // run concurrently with each other but never against a closing library.
+    mutable std::shared_mutex mCallMutex;
     InitFn mInit = nullptr;
     GetlogFn mGetlog = nullptr;
     GetlogFn mSnpprint = nullptr;

@@ -321,6 +321,8 @@ template void* NnLib::loadFunction<void*>(const char* name);
 
 void NnLib::resetFunctors() {
     std::lock_guard<std::recursive_mutex> lock(mMutex);
+    // Waits for the calls under way: the library is never closed under one.
+    std::unique_lock<std::shared_mutex> calls(mCallMutex);
     mInit = nullptr;
     mGetlog = nullptr;
     mSnpprint = nullptr;
@@ -343,27 +345,40 @@ void NnLib::resetFunctors() {
     }
 }
 
-int NnLib::config() { return mConfig != nullptr ? mConfig() : -1; }
+int NnLib::config() {
+    std::shared_lock<std::shared_mutex> call(mCallMutex);
+    return mConfig != nullptr ? mConfig() : -1;
+}
 
-int NnLib::init(int* graph_id) { return mInit != nullptr ? mInit(graph_id) : -1; }
+int NnLib::init(int* graph_id) {
+    std::shared_lock<std::shared_mutex> call(mCallMutex);
+    return mInit != nullptr ? mInit(graph_id) : -1;
+}
 
 int NnLib::getlog(int graph_id, unsigned char* buf, unsigned int length) {
+    std::shared_lock<std::shared_mutex> call(mCallMutex);
     return mGetlog != nullptr ? mGetlog(graph_id, buf, length) : -1;
 }
 
 int NnLib::snpprint(int graph_id, unsigned char* buf, unsigned int length) {
+    std::shared_lock<std::shared_mutex> call(mCallMutex);
     return mSnpprint != nullptr ? mSnpprint(graph_id, buf, length) : -1;
 }
 
 int NnLib::set_debug_level(int graph_id, int level) {
+    std::shared_lock<std::shared_mutex> call(mCallMutex);
     return mSetDebugLevel != nullptr ? mSetDebugLevel(graph_id, level) : -1;
 }
 
-int NnLib::prepare(int graph_id) { return mPrepare != nullptr ? mPrepare(graph_id) : -1; }
+int NnLib::prepare(int graph_id) {
+    std::shared_lock<std::shared_mutex> call(mCallMutex);
+    return mPrepare != nullptr ? mPrepare(graph_id) : -1;
+}
 
 int NnLib::append_node(int graph_id, unsigned int node_id, zel_op_type_enum operation, int padding,
                        const kestrel_zel_nn_input* inputs, unsigned int num_inputs,
                        const kestrel_zel_nn_output* outputs, unsigned int num_outputs) {
+    std::shared_lock<std::shared_mutex> call(mCallMutex);
     if (mAppendNode == nullptr) return -1;
     return mAppendNode(graph_id, node_id, operation, padding, inputs, num_inputs, outputs, num_outputs);
 }
@@ -371,12 +386,14 @@ int NnLib::append_node(int graph_id, unsigned int node_id, zel_op_type_enum oper
 int NnLib::append_const_node(int graph_id, unsigned int node_id, unsigned int batches, unsigned int height,
                              unsigned int width, unsigned int depth, const unsigned char* data,
                              unsigned int data_len) {
+    std::shared_lock<std::shared_mutex> call(mCallMutex);
     if (mAppendConstNode == nullptr) return -1;
     return mAppendConstNode(graph_id, node_id, batches, height, width, depth, data, data_len);
 }
 
 int NnLib::execute_new(int graph_id, const kestrel_zel_nn_tensordef* inputs, unsigned int num_inputs,
                        kestrel_zel_nn_tensordef* outputs, unsigned int num_outputs) {
+    std::shared_lock<std::shared_mutex> call(mCallMutex);
     if (mExecuteNew == nullptr) return -1;
     return mExecuteNew(graph_id, inputs, num_inputs, outputs, num_outputs);
 }
@@ -386,20 +403,29 @@ int NnLib::execute(int graph_id, unsigned int batches_in, unsigned int height_in
                    unsigned int* batches_out, unsigned int* height_out, unsigned int* width_out,
                    unsigned int* depth_out, unsigned char* data_out, unsigned int data_out_max,
                    unsigned int* data_out_size) {
+    std::shared_lock<std::shared_mutex> call(mCallMutex);
     if (mExecute == nullptr) return -1;
     return mExecute(graph_id, batches_in, height_in, width_in, depth_in, data_in, data_len_in, batches_out,
                     height_out, width_out, depth_out, data_out, data_out_max, data_out_size);
 }
 
-int NnLib::teardown(int graph_id) { return mTeardown != nullptr ? mTeardown(graph_id) : -1; }
+int NnLib::teardown(int graph_id) {
+    std::shared_lock<std::shared_mutex> call(mCallMutex);
+    return mTeardown != nullptr ? mTeardown(graph_id) : -1;
+}
 
-int NnLib::version(int* version) { return mVersion != nullptr ? mVersion(version) : -1; }
+int NnLib::version(int* version) {
+    std::shared_lock<std::shared_mutex> call(mCallMutex);
+    return mVersion != nullptr ? mVersion(version) : -1;
+}
 
 int NnLib::set_config_params(int graph_id, kestrel_zel_nn_config_enum param, void* value) {
+    std::shared_lock<std::shared_mutex> call(mCallMutex);
     return mSetConfigParams != nullptr ? mSetConfigParams(graph_id, param, value) : -1;
 }
 
 int NnLib::set_powersave_level(unsigned int level) {
+    std::shared_lock<std::shared_mutex> call(mCallMutex);
     return mSetPowersaveLevel != nullptr ? mSetPowersaveLevel(level) : -1;
 }
 
@@ -449,10 +475,18 @@ bool Controller::resetNnLib() {
 
 bool Controller::heartBeat() {
     handle_debug_info("In Controller::heartBeat()");
+    // A copy taken under the lock: a host may release an accelerator (and
+    // so replace the binding) while another of its threads probes.
+    std::shared_ptr<NnLib> lib;
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        lib = mNnLib;
+    }
     bool result = false;
-    if (mNnLib) {
+    if (lib) {
         int version = 0;
-        const int rc = mNnLib->hasVersion() ? mNnLib->version(&version) : -1;
+        // The wrapper answers -1 when the entry is not bound.
+        const int rc = lib->version(&version);
         const bool hasError = rc != 0 || version != kZelExpectedVersion;
         std::ostringstream os;
         os << "ZEL version: " << std::hex << version << ", has error: " << (hasError ? "Yes" : "No");

@@ -16,3 +16,19 @@ zel_add_gtest(reliability_malformed_test
   SOURCES reliability/malformed_graph_test.cpp
   LIBS zel_reliability_support
   LABELS reliability)
+
+zel_add_gtest(reliability_fault_test
+  SOURCES reliability/fault_sweep_test.cpp
+  LIBS zel_reliability_support
+  LABELS reliability)
+
+zel_add_gtest(reliability_stress_test
+  SOURCES reliability/stress_test.cpp
+  LIBS zel_reliability_support
+  LABELS "reliability;stress")
+
+# Ten thousand cycles: about a minute in a debug build.
+zel_add_gtest(reliability_soak_test
+  SOURCES reliability/soak_test.cpp
+  LIBS zel_reliability_support
+  LABELS "reliability;slow")

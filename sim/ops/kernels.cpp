@@ -37,8 +37,7 @@ std::vector<int16_t> centered(const uint8_t* q, size_t n, int32_t zero) {
 
 // First tap index (of `taps`) whose input position o * stride + k - pad lies
 // in [0, in), and one past the last.
-void tapRange(uint32_t o, uint32_t stride, uint32_t pad, uint32_t taps, uint32_t in, uint32_t* first,
-              uint32_t* last) {
+void tapRange(uint32_t o, uint32_t stride, uint32_t pad, uint32_t taps, uint32_t in, uint32_t* first, uint32_t* last) {
     const int64_t origin = static_cast<int64_t>(o) * stride - pad;
     const int64_t lo = std::max<int64_t>(0, -origin);
     const int64_t hi = std::min<int64_t>(taps, static_cast<int64_t>(in) - origin);
@@ -47,13 +46,17 @@ void tapRange(uint32_t o, uint32_t stride, uint32_t pad, uint32_t taps, uint32_t
 }
 
 // Pixels whose im2col rows are built and multiplied at a time.
-constexpr uint32_t kPixelBlock = 128;
+constexpr uint32_t kPixelBlock = 32;
 
 }  // namespace
 
-uint32_t convTaps(const ConvShape& s) { return s.fH * s.fW * s.inD; }
+uint32_t convTaps(const ConvShape& s) {
+    return s.fH * s.fW * s.inD;
+}
 
-uint32_t depthwiseTaps(const ConvShape& s) { return s.fH * s.fW; }
+uint32_t depthwiseTaps(const ConvShape& s) {
+    return s.fH * s.fW;
+}
 
 double productStep(uint32_t taps, const Affine8& a, const Affine8& b) {
     return detail::accumulatorStep(a.step * b.step, static_cast<double>(taps) * a.maxAbs() * b.maxAbs());
@@ -69,8 +72,8 @@ bool integerSumsFit(uint32_t taps, const Affine8& a, const Affine8& b) {
 // ---------------------------------------------------------------------------
 // Reference forms: the definitions, written as plainly as possible.
 
-void convReference(const ConvShape& s, const uint8_t* in, const Affine8& ain, const uint8_t* filter,
-                   const Affine8& af, double step, int32_t* out) {
+void convReference(const ConvShape& s, const uint8_t* in, const Affine8& ain, const uint8_t* filter, const Affine8& af,
+                   double step, int32_t* out) {
     const ValueTable vi(ain);
     const ValueTable vf(af);
     for (uint32_t b = 0; b < s.batches; ++b) {

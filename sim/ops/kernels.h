@@ -43,8 +43,8 @@ double productStep(uint32_t taps, const Affine8& a, const Affine8& b);
 bool integerSumsFit(uint32_t taps, const Affine8& a, const Affine8& b);
 
 // Reference forms: out = round(sum of real products / step).
-void convReference(const ConvShape& s, const uint8_t* in, const Affine8& ain, const uint8_t* filter,
-                   const Affine8& af, double step, int32_t* out);
+void convReference(const ConvShape& s, const uint8_t* in, const Affine8& ain, const uint8_t* filter, const Affine8& af,
+                   double step, int32_t* out);
 void depthwiseReference(const ConvShape& s, const uint8_t* in, const Affine8& ain, const uint8_t* filter,
                         const Affine8& af, double step, int32_t* out);
 // in: rows x depth; weights: depth x units (units fastest); out: rows x units.

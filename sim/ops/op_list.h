@@ -11,7 +11,7 @@ namespace zelsim {
 namespace detail {
 
 #define ZELSIM_DECLARE_VALIDATE(fn) std::string fn(const NodeDesc& node, const std::vector<InputInfo>& inputs)
-#define ZELSIM_DECLARE_EXECUTE(fn)                                                                  \
+#define ZELSIM_DECLARE_EXECUTE(fn)                                                                        \
     bool fn(const NodeDesc& node, const std::vector<const Tensor*>& inputs, std::vector<Tensor>& outputs, \
             std::string* error)
 

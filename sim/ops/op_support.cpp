@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <cstring>
 #include <limits>
 #include <sstream>
@@ -48,9 +49,9 @@ Dims4 recordDims(const kestrel_zel_nn_output& record) {
 // ---------------------------------------------------------------------------
 // Quantization arithmetic
 
-uint8_t Affine8::quantize(double real) const { return roundClampU8(position(real)); }
-
-double Affine8::maxAbs() const { return std::max(std::fabs(value(0)), std::fabs(value(255))); }
+double Affine8::maxAbs() const {
+    return std::max(std::fabs(value(0)), std::fabs(value(255)));
+}
 
 bool makeAffine8(float min, float max, Affine8* out) {
     if (!std::isfinite(min) || !std::isfinite(max) || !(max > min)) return false;
@@ -80,14 +81,6 @@ void rangeOfStep32(double step, float* min, float* max) {
     *max = static_cast<float>(step * kTwo31);
     *min = -*max;
 }
-
-uint8_t roundClampU8(double x) {
-    if (!(x > 0.0)) return 0;  // also NaN
-    if (x >= 255.0) return 255;
-    return static_cast<uint8_t>(std::floor(x + 0.5));
-}
-
-int64_t roundToInt64(double x) { return static_cast<int64_t>(std::round(x)); }
 
 double accumulatorStep(double base, double bound) {
     double step = base;
@@ -314,8 +307,7 @@ bool broadcastDims(const Dims4& a, const Dims4& b, Dims4* out) {
 // ---------------------------------------------------------------------------
 // Execution
 
-Run::Run(const char* name, const std::vector<const Tensor*>& inputs, std::vector<Tensor>& outputs,
-         std::string* error)
+Run::Run(const char* name, const std::vector<const Tensor*>& inputs, std::vector<Tensor>& outputs, std::string* error)
     : mName(name), mInputs(inputs), mOutputs(outputs), mError(error) {}
 
 bool Run::fail(const std::string& msg) {
@@ -404,7 +396,9 @@ bool Run::output(size_t i, const Dims4& dims, uint32_t elementSize, uint8_t** da
           << dims.str() << " with element size " << elementSize;
         return fail(s.str());
     }
-    t.data.resize(static_cast<size_t>(dims.count()) * elementSize);
+    const uint64_t bytes = static_cast<uint64_t>(dims.count()) * elementSize;
+    if (bytes > static_cast<uint64_t>(SIZE_MAX / 2)) return fail("output " + std::to_string(i) + " is too large");
+    t.data.resize(static_cast<size_t>(bytes));
     *data = t.data.data();
     return true;
 }
@@ -430,9 +424,13 @@ float loadF32(const uint8_t* p) {
     return v;
 }
 
-void storeI32(uint8_t* p, int32_t v) { std::memcpy(p, &v, 4); }
+void storeI32(uint8_t* p, int32_t v) {
+    std::memcpy(p, &v, 4);
+}
 
-void storeF32(uint8_t* p, float v) { std::memcpy(p, &v, 4); }
+void storeF32(uint8_t* p, float v) {
+    std::memcpy(p, &v, 4);
+}
 
 }  // namespace detail
 }  // namespace zelsim

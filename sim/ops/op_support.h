@@ -50,7 +50,7 @@ struct Affine8 {
     // Inverse of value(): the (unrounded) position of a real value.
     double position(double real) const { return integral ? real / step + zero : (real - min) / step; }
     // Nearest byte of a real value, clamped to [0, 255].
-    uint8_t quantize(double real) const;
+    uint8_t quantize(double real) const;  // defined below
     // Largest magnitude of any representable value.
     double maxAbs() const;
 };
@@ -68,11 +68,15 @@ bool makeStep32(float min, float max, double* step);
 void rangeOfStep32(double step, float* min, float* max);
 
 // Round to nearest (halves up) and clamp to [0, 255]; NaN gives 0.
-uint8_t roundClampU8(double x);
+inline uint8_t roundClampU8(double x) {
+    if (!(x > 0.0)) return 0;  // also NaN
+    if (x >= 255.0) return 255;
+    return static_cast<uint8_t>(x + 0.5);  // positive: truncation is floor
+}
 
-// Round to nearest (halves away from zero); the caller guarantees the
-// value fits in 64 bits.
-int64_t roundToInt64(double x);
+inline uint8_t Affine8::quantize(double real) const {
+    return roundClampU8(position(real));
+}
 
 // Step of a 32-bit accumulator: `base` doubled until every value of
 // magnitude up to `bound` fits in a signed 32-bit integer.

@@ -35,8 +35,8 @@ std::string windowGeometry(const Dims4& in, const Dims4& filter, uint32_t stride
                            bool depthwise, kernels::ConvShape* s) {
     std::ostringstream why;
     if (filter.d[2] != in.d[3]) {
-        why << "filter input depth " << filter.d[2] << " (filter " << filter.str() << ") does not match the input depth "
-            << in.d[3] << " (input " << in.str() << ")";
+        why << "filter input depth " << filter.d[2] << " (filter " << filter.str()
+            << ") does not match the input depth " << in.d[3] << " (input " << in.str() << ")";
         return why.str();
     }
     s->batches = in.d[0];
@@ -312,24 +312,32 @@ bool executeBiasAdd(const NodeDesc&, const std::vector<const Tensor*>& inputs, s
     const uint32_t depth = dims.d[3];
     if (r.dimsOf(kBias).count() != depth) return r.fail("bias length does not match the accumulator depth");
     const uint32_t n = dims.count();
+    const uint32_t pixels = n / depth;
     std::vector<int32_t> acc(n), bias(depth);
     std::memcpy(acc.data(), r.in(kAcc).data.data(), sizeof(int32_t) * n);
     std::memcpy(bias.data(), r.in(kBias).data.data(), sizeof(int32_t) * depth);
 
-    double maxAcc = 0.0, maxBias = 0.0;
-    for (int32_t a : acc) maxAcc = std::max(maxAcc, std::fabs(static_cast<double>(a)));
-    for (int32_t b : bias) maxBias = std::max(maxBias, std::fabs(static_cast<double>(b)));
+    int64_t maxAcc = 0, maxBias = 0;
+    for (int32_t a : acc) maxAcc = std::max(maxAcc, a < 0 ? -static_cast<int64_t>(a) : a);
+    for (int32_t b : bias) maxBias = std::max(maxBias, b < 0 ? -static_cast<int64_t>(b) : b);
     const bool sameStep = std::fabs(stepA - stepB) <= 1e-6 * stepA;
-    const double step = accumulatorStep(stepA, maxAcc * stepA + maxBias * stepB);
+    const double step =
+        accumulatorStep(stepA, static_cast<double>(maxAcc) * stepA + static_cast<double>(maxBias) * stepB);
     std::vector<int32_t> out(n);
     if (sameStep && step == stepA) {
-        for (uint32_t i = 0; i < n; ++i) {
-            out[i] = static_cast<int32_t>(static_cast<int64_t>(acc[i]) + bias[i % depth]);
+        // |acc| + |bias| fits: the step did not grow.
+        for (uint32_t p = 0; p < pixels; ++p) {
+            const int32_t* a = acc.data() + static_cast<size_t>(p) * depth;
+            int32_t* o = out.data() + static_cast<size_t>(p) * depth;
+            for (uint32_t c = 0; c < depth; ++c) o[c] = a[c] + bias[c];
         }
     } else {
-        for (uint32_t i = 0; i < n; ++i) {
-            const double real = acc[i] * stepA + bias[i % depth] * stepB;
-            out[i] = static_cast<int32_t>(std::min(std::max(std::round(real / step), -kInt32Max - 1.0), kInt32Max));
+        for (uint32_t p = 0; p < pixels; ++p) {
+            for (uint32_t c = 0; c < depth; ++c) {
+                const size_t i = static_cast<size_t>(p) * depth + c;
+                const double real = acc[i] * stepA + bias[c] * stepB;
+                out[i] = static_cast<int32_t>(std::min(std::max(std::round(real / step), -kInt32Max - 1.0), kInt32Max));
+            }
         }
     }
     return writeAccumulator(r, dims, out, step);
@@ -358,9 +366,13 @@ bool executeRequantize(const NodeDesc&, const std::vector<const Tensor*>& inputs
     const Dims4 dims = r.dimsOf(kRqIn);
     uint8_t* out = nullptr;
     if (!r.output(0, dims, 1, &out)) return false;
-    const uint8_t* in = r.in(kRqIn).data.data();
     const uint32_t n = dims.count();
-    for (uint32_t i = 0; i < n; ++i) out[i] = target.quantize(loadI32(in + 4 * static_cast<size_t>(i)) * step);
+    std::vector<int32_t> acc(n);
+    std::memcpy(acc.data(), r.in(kRqIn).data.data(), sizeof(int32_t) * n);
+    // position = acc * step / outStep + offset, the two factors folded once.
+    const double scale = step / target.step;
+    const double offset = target.position(0.0);
+    for (uint32_t i = 0; i < n; ++i) out[i] = roundClampU8(acc[i] * scale + offset);
     return r.writeRange(lo, hi);
 }
 

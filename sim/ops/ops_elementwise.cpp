@@ -172,8 +172,7 @@ bool executeQuantize(const NodeDesc&, const std::vector<const Tensor*>& inputs, 
                      std::string* error) {
     Run r(kQuantize, inputs, outputs, error);
     float lo = 0.0f, hi = 0.0f;
-    if (!(r.counts(kConvertInputs, 3) && r.value(kCIn, 4) && r.scalarFloat(kCMin, &lo) &&
-          r.scalarFloat(kCMax, &hi))) {
+    if (!(r.counts(kConvertInputs, 3) && r.value(kCIn, 4) && r.scalarFloat(kCMin, &lo) && r.scalarFloat(kCMax, &hi))) {
         return false;
     }
     if (!std::isfinite(lo) || !std::isfinite(hi) || !(hi > lo)) return r.fail("range is not a finite non-empty range");

@@ -116,7 +116,8 @@ bool executeConcat(const NodeDesc&, const std::vector<const Tensor*>& inputs, st
     if (!makeAffine8(lo, hi, &target)) return r.fail("joined range is not finite");
     std::vector<uint8_t> lut(256 * n);
     for (size_t i = 0; i < n; ++i) {
-        for (uint32_t q = 0; q < 256; ++q) lut[256 * i + q] = shared ? static_cast<uint8_t>(q) : target.quantize(ranges[i].value(q));
+        for (uint32_t q = 0; q < 256; ++q)
+            lut[256 * i + q] = shared ? static_cast<uint8_t>(q) : target.quantize(ranges[i].value(q));
     }
 
     uint8_t* out = nullptr;

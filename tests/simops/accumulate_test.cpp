@@ -32,7 +32,9 @@ struct ConvCase {
     float fScale;
     int32_t fZero;
 };
-void PrintTo(const ConvCase& c, std::ostream* os) { *os << c.name; }
+void PrintTo(const ConvCase& c, std::ostream* os) {
+    *os << c.name;
+}
 
 class ConvTest : public ::testing::TestWithParam<ConvCase> {};
 
@@ -73,8 +75,8 @@ TEST_P(ConvTest, ExactIntegerSumsWithPaddingReadingRealZero) {
                                 sum += static_cast<int64_t>(qi - c.inZero) * (qf - c.fZero);
                             }
                         }
-                    ASSERT_EQ(got[((b * oh + y) * ow + x) * c.outD + o], sum) << "at " << b << "," << y << "," << x
-                                                                              << "," << o;
+                    ASSERT_EQ(got[((b * oh + y) * ow + x) * c.outD + o], sum)
+                        << "at " << b << "," << y << "," << x << "," << o;
                 }
     const double step = static_cast<double>(c.inScale) * c.fScale;
     EXPECT_NEAR(step32(r.outs), step, step * 1e-6);
@@ -136,7 +138,9 @@ struct DepthwiseCase {
     uint32_t fh, fw, mult, sh, sw;
     bool same;
 };
-void PrintTo(const DepthwiseCase& c, std::ostream* os) { *os << c.name; }
+void PrintTo(const DepthwiseCase& c, std::ostream* os) {
+    *os << c.name;
+}
 
 class DepthwiseTest : public ::testing::TestWithParam<DepthwiseCase> {};
 
@@ -282,7 +286,9 @@ struct RequantizeCase {
     int32_t acc;
     uint8_t expected;
 };
-void PrintTo(const RequantizeCase& c, std::ostream* os) { *os << c.name; }
+void PrintTo(const RequantizeCase& c, std::ostream* os) {
+    *os << c.name;
+}
 
 class RequantizeTest : public ::testing::TestWithParam<RequantizeCase> {};
 
@@ -299,19 +305,20 @@ TEST_P(RequantizeTest, RoundsToNearestAndClamps) {
 }
 
 // Output step 1/8 (range width 255/8): acc 1 is half an output step.
-INSTANTIATE_TEST_SUITE_P(
-    Values, RequantizeTest,
-    ::testing::Values(RequantizeCase{"Zero", 0.0f, 31.875f, 0, 0}, RequantizeCase{"HalfUp", 0.0f, 31.875f, 1, 1},
-                      RequantizeCase{"One", 0.0f, 31.875f, 2, 1}, RequantizeCase{"OneAndHalf", 0.0f, 31.875f, 3, 2},
-                      RequantizeCase{"BelowMin", 0.0f, 31.875f, -5, 0},
-                      RequantizeCase{"AboveMax", 0.0f, 31.875f, 640, 255},
-                      RequantizeCase{"LastByte", 0.0f, 31.875f, 510, 255},
-                      RequantizeCase{"ZeroAt128", -16.0f, 15.875f, 0, 128},
-                      RequantizeCase{"NegativeInRange", -16.0f, 15.875f, -32, 112},
-                      // Range [1, 2.275]: 0 is outside, below the first byte.
-                      RequantizeCase{"RangeWithoutZeroLow", 1.0f, 2.275f, 0, 0},
-                      RequantizeCase{"RangeWithoutZeroMid", 1.0f, 2.275f, 24, 100}),
-    [](const ::testing::TestParamInfo<RequantizeCase>& i) { return std::string(i.param.name); });
+INSTANTIATE_TEST_SUITE_P(Values, RequantizeTest,
+                         ::testing::Values(RequantizeCase{"Zero", 0.0f, 31.875f, 0, 0},
+                                           RequantizeCase{"HalfUp", 0.0f, 31.875f, 1, 1},
+                                           RequantizeCase{"One", 0.0f, 31.875f, 2, 1},
+                                           RequantizeCase{"OneAndHalf", 0.0f, 31.875f, 3, 2},
+                                           RequantizeCase{"BelowMin", 0.0f, 31.875f, -5, 0},
+                                           RequantizeCase{"AboveMax", 0.0f, 31.875f, 640, 255},
+                                           RequantizeCase{"LastByte", 0.0f, 31.875f, 510, 255},
+                                           RequantizeCase{"ZeroAt128", -16.0f, 15.875f, 0, 128},
+                                           RequantizeCase{"NegativeInRange", -16.0f, 15.875f, -32, 112},
+                                           // Range [1, 2.275]: 0 is outside, below the first byte.
+                                           RequantizeCase{"RangeWithoutZeroLow", 1.0f, 2.275f, 0, 0},
+                                           RequantizeCase{"RangeWithoutZeroMid", 1.0f, 2.275f, 24, 100}),
+                         [](const ::testing::TestParamInfo<RequantizeCase>& i) { return std::string(i.param.name); });
 
 // Add / sub with broadcasting: the real result within one result step.
 struct ElementwiseCase {
@@ -320,7 +327,9 @@ struct ElementwiseCase {
     D4 a, b, out;
     float aMin, aMax, bMin, bMax;
 };
-void PrintTo(const ElementwiseCase& c, std::ostream* os) { *os << c.name; }
+void PrintTo(const ElementwiseCase& c, std::ostream* os) {
+    *os << c.name;
+}
 
 class ElementwiseTest : public ::testing::TestWithParam<ElementwiseCase> {};
 
@@ -351,21 +360,21 @@ TEST_P(ElementwiseTest, BroadcastsTrailingDims) {
         ASSERT_NEAR(got[o] * step, real, step) << "element " << o;
     }
     // The range covers every possible result.
-    EXPECT_GE(first(r.outs[2]), std::max(std::fabs(c.aMin), std::fabs(c.aMax)) + std::max(std::fabs(c.bMin), std::fabs(c.bMax)));
+    EXPECT_GE(first(r.outs[2]),
+              std::max(std::fabs(c.aMin), std::fabs(c.aMax)) + std::max(std::fabs(c.bMin), std::fabs(c.bMax)));
 }
 
+// clang-format off
 INSTANTIATE_TEST_SUITE_P(
     Shapes, ElementwiseTest,
     ::testing::Values(
-        ElementwiseCase{"AddDepthVector", ZEL_OP_QuantizedAdd_8p8to32, {1, 2, 3, 4}, {1, 1, 1, 4}, {1, 2, 3, 4},
-                        -4.0f, 3.96875f, 0.0f, 15.9375f},
-        ElementwiseCase{"AddBothWays", ZEL_OP_QuantizedAdd_8p8to32, {1, 2, 1, 4}, {1, 1, 3, 1}, {1, 2, 3, 4}, -1.0f,
-                        1.0f, 0.3f, 1.7f},
-        ElementwiseCase{"SubRowVector", ZEL_OP_QuantizedSub_8p8to32, {1, 2, 3, 4}, {1, 2, 1, 1}, {1, 2, 3, 4}, 10.0f,
-                        20.0f, -64.0f, 63.5f},
-        ElementwiseCase{"SubSameShape", ZEL_OP_QuantizedSub_8p8to32, {2, 1, 1, 3}, {2, 1, 1, 3}, {2, 1, 1, 3}, 0.0f,
-                        255.0f, 0.0f, 2.55f}),
+        //              name              op                           a             b             out           a range            b range
+        ElementwiseCase{"AddDepthVector", ZEL_OP_QuantizedAdd_8p8to32, {1, 2, 3, 4}, {1, 1, 1, 4}, {1, 2, 3, 4}, -4.0f, 3.96875f, 0.0f, 15.9375f},
+        ElementwiseCase{"AddBothWays",    ZEL_OP_QuantizedAdd_8p8to32, {1, 2, 1, 4}, {1, 1, 3, 1}, {1, 2, 3, 4}, -1.0f, 1.0f,     0.3f, 1.7f},
+        ElementwiseCase{"SubRowVector",   ZEL_OP_QuantizedSub_8p8to32, {1, 2, 3, 4}, {1, 2, 1, 1}, {1, 2, 3, 4}, 10.0f, 20.0f,    -64.0f, 63.5f},
+        ElementwiseCase{"SubSameShape",   ZEL_OP_QuantizedSub_8p8to32, {2, 1, 1, 3}, {2, 1, 1, 3}, {2, 1, 1, 3}, 0.0f,  255.0f,   0.0f, 2.55f}),
     [](const ::testing::TestParamInfo<ElementwiseCase>& i) { return std::string(i.param.name); });
+// clang-format on
 
 // The host's own add case: 2.0 * [1, 2] + 1.0 * [3, 4] = [5, 8].
 TEST(Add, HostVector) {

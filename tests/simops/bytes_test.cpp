@@ -18,7 +18,9 @@ struct ActivationCase {
     std::vector<float> bounds;
     std::vector<uint8_t> expected;
 };
-void PrintTo(const ActivationCase& c, std::ostream* os) { *os << c.name; }
+void PrintTo(const ActivationCase& c, std::ostream* os) {
+    *os << c.name;
+}
 
 class ActivationTest : public ::testing::TestWithParam<ActivationCase> {};
 
@@ -42,7 +44,8 @@ INSTANTIATE_TEST_SUITE_P(
         // 6.0 is byte 160.
         ActivationCase{"ReluX", ZEL_OP_QuantizedReluX_8, {6.0f}, {100, 100, 100, 100, 101, 150, 159, 160, 160, 160}},
         // -1.0 and 1.0 are bytes 90 and 110.
-        ActivationCase{"Clamp", ZEL_OP_QuantizedClamp_8, {-1.0f, 1.0f}, {90, 90, 99, 100, 101, 110, 110, 110, 110, 110}}),
+        ActivationCase{
+            "Clamp", ZEL_OP_QuantizedClamp_8, {-1.0f, 1.0f}, {90, 90, 99, 100, 101, 110, 110, 110, 110, 110}}),
     [](const ::testing::TestParamInfo<ActivationCase>& i) { return std::string(i.param.name); });
 
 TEST(Quantize, RoundsHalvesUpAndClamps) {
@@ -99,7 +102,9 @@ struct PoolCase {
     D4 out;
     std::vector<uint8_t> expected;
 };
-void PrintTo(const PoolCase& c, std::ostream* os) { *os << c.name; }
+void PrintTo(const PoolCase& c, std::ostream* os) {
+    *os << c.name;
+}
 
 class PoolTest : public ::testing::TestWithParam<PoolCase> {};
 
@@ -117,32 +122,27 @@ TEST_P(PoolTest, OnlyPositionsInsideTheInputCount) {
 // 4x4 grid of y * 4 + x.
 const std::vector<uint8_t> kGrid = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15};
 
+// clang-format off
 INSTANTIATE_TEST_SUITE_P(
     Windows, PoolTest,
     ::testing::Values(
+        //       name                  op                         padding           in            data                                  fh fw sh sw out           expected
         // Corners average 4 values, edges 6, the centre 9.
-        PoolCase{"AvgSameBorders", ZEL_OP_QuantizedAvgPool_8, ZEL_NN_PAD_SAME, {1, 3, 3, 1},
-                 {10, 20, 30, 40, 50, 60, 70, 80, 90}, 3, 3, 1, 1, {1, 3, 3, 1},
-                 {30, 35, 40, 45, 50, 55, 60, 65, 70}},
+        PoolCase{"AvgSameBorders",     ZEL_OP_QuantizedAvgPool_8, ZEL_NN_PAD_SAME,  {1, 3, 3, 1}, {10, 20, 30, 40, 50, 60, 70, 80, 90}, 3, 3, 1, 1, {1, 3, 3, 1}, {30, 35, 40, 45, 50, 55, 60, 65, 70}},
         // Odd total: the padding row/column is after the input. Windows
         // rows 0-2 / 2-3 and columns 0-2 / 2-3: 5, 6.5, 11, 12.5.
-        PoolCase{"AvgSameOddTotal", ZEL_OP_QuantizedAvgPool_8, ZEL_NN_PAD_SAME, {1, 4, 4, 1}, kGrid, 3, 3, 2, 2,
-                 {1, 2, 2, 1}, {5, 7, 11, 13}},
-        // Halves round up: 1.5 -> 2; the host's avg_pool case.
-        PoolCase{"AvgHalfUp", ZEL_OP_QuantizedAvgPool_8, ZEL_NN_PAD_VALID, {1, 1, 2, 1}, {1, 2}, 1, 2, 1, 1,
-                 {1, 1, 1, 1}, {2}},
-        PoolCase{"AvgValidStride2", ZEL_OP_QuantizedAvgPool_8, ZEL_NN_PAD_VALID, {1, 2, 4, 1},
-                 {0, 96, 32, 64, 48, 32, 160, 112}, 2, 2, 2, 2, {1, 1, 2, 1}, {44, 92}},
-        PoolCase{"AvgDepth2", ZEL_OP_QuantizedAvgPool_8, ZEL_NN_PAD_VALID, {1, 2, 2, 2}, {0, 100, 10, 101, 20, 102, 30, 104},
-                 2, 2, 1, 1, {1, 1, 1, 2}, {15, 102}},
-        PoolCase{"MaxSameOddTotal", ZEL_OP_QuantizedMaxPool_8, ZEL_NN_PAD_SAME, {1, 4, 4, 1}, kGrid, 3, 3, 2, 2,
-                 {1, 2, 2, 1}, {10, 11, 14, 15}},
+        PoolCase{"AvgSameOddTotal",    ZEL_OP_QuantizedAvgPool_8, ZEL_NN_PAD_SAME,  {1, 4, 4, 1}, kGrid,                                3, 3, 2, 2, {1, 2, 2, 1}, {5, 7, 11, 13}},
+        // Halves round up: 1.5 -> 2.
+        PoolCase{"AvgHalfUp",          ZEL_OP_QuantizedAvgPool_8, ZEL_NN_PAD_VALID, {1, 1, 2, 1}, {1, 2},                               1, 2, 1, 1, {1, 1, 1, 1}, {2}},
+        // The host's avg_pool case.
+        PoolCase{"AvgValidStride2",    ZEL_OP_QuantizedAvgPool_8, ZEL_NN_PAD_VALID, {1, 2, 4, 1}, {0, 96, 32, 64, 48, 32, 160, 112},    2, 2, 2, 2, {1, 1, 2, 1}, {44, 92}},
+        PoolCase{"AvgDepth2",          ZEL_OP_QuantizedAvgPool_8, ZEL_NN_PAD_VALID, {1, 2, 2, 2}, {0, 100, 10, 101, 20, 102, 30, 104}, 2, 2, 1, 1, {1, 1, 1, 2}, {15, 102}},
+        PoolCase{"MaxSameOddTotal",    ZEL_OP_QuantizedMaxPool_8, ZEL_NN_PAD_SAME,  {1, 4, 4, 1}, kGrid,                                3, 3, 2, 2, {1, 2, 2, 1}, {10, 11, 14, 15}},
         // All values are -5.0 (byte 50): padding must not bring in 0.0.
-        PoolCase{"MaxNegativeIgnoresPadding", ZEL_OP_QuantizedMaxPool_8, ZEL_NN_PAD_SAME, {1, 2, 2, 1},
-                 {50, 50, 50, 50}, 3, 3, 1, 1, {1, 2, 2, 1}, {50, 50, 50, 50}},
-        PoolCase{"MaxValidStride1", ZEL_OP_QuantizedMaxPool_8, ZEL_NN_PAD_VALID, {1, 3, 3, 1},
-                 {9, 1, 2, 3, 4, 8, 5, 7, 6}, 2, 2, 1, 1, {1, 2, 2, 1}, {9, 8, 7, 8}}),
+        PoolCase{"MaxNegativeNoPad",   ZEL_OP_QuantizedMaxPool_8, ZEL_NN_PAD_SAME,  {1, 2, 2, 1}, {50, 50, 50, 50},                     3, 3, 1, 1, {1, 2, 2, 1}, {50, 50, 50, 50}},
+        PoolCase{"MaxValidStride1",    ZEL_OP_QuantizedMaxPool_8, ZEL_NN_PAD_VALID, {1, 3, 3, 1}, {9, 1, 2, 3, 4, 8, 5, 7, 6},          2, 2, 1, 1, {1, 2, 2, 1}, {9, 8, 7, 8}}),
     [](const ::testing::TestParamInfo<PoolCase>& i) { return std::string(i.param.name); });
+// clang-format on
 
 TEST(Concat, SharedRangeKeepsBytes) {
     OpRun r(ZEL_OP_QuantizedConcat_8);
@@ -193,7 +193,9 @@ struct ResizeCase {
     int32_t h, w;
     std::vector<uint8_t> expected;
 };
-void PrintTo(const ResizeCase& c, std::ostream* os) { *os << c.name; }
+void PrintTo(const ResizeCase& c, std::ostream* os) {
+    *os << c.name;
+}
 
 class ResizeTest : public ::testing::TestWithParam<ResizeCase> {};
 
@@ -214,7 +216,8 @@ INSTANTIATE_TEST_SUITE_P(
         // row 0: 0, 90*2/3 = 60, 90; row 2: 180, 180/3 + 255*2/3 = 230, 255;
         // row 1 = row 0 / 3 + row 2 * 2/3: 120, 173.3, 200.
         ResizeCase{"TwoToThree", {1, 2, 2, 1}, {0, 90, 180, 255}, 3, 3, {0, 60, 90, 120, 173, 200, 180, 230, 255}},
-        ResizeCase{"HostVector", {1, 2, 2, 1}, {100, 100, 200, 200}, 3, 3, {100, 100, 100, 167, 167, 167, 200, 200, 200}},
+        ResizeCase{
+            "HostVector", {1, 2, 2, 1}, {100, 100, 200, 200}, 3, 3, {100, 100, 100, 167, 167, 167, 200, 200, 200}},
         // Width 3 -> 2: sources 0 and 1.5.
         ResizeCase{"Shrink", {1, 1, 3, 2}, {0, 10, 100, 20, 200, 30}, 1, 2, {0, 10, 150, 25}}),
     [](const ::testing::TestParamInfo<ResizeCase>& i) { return std::string(i.param.name); });
@@ -225,7 +228,9 @@ struct RunErrorCase {
     OpRun run;
     std::string text;
 };
-void PrintTo(const RunErrorCase& c, std::ostream* os) { *os << c.name; }
+void PrintTo(const RunErrorCase& c, std::ostream* os) {
+    *os << c.name;
+}
 
 class RunErrorTest : public ::testing::TestWithParam<RunErrorCase> {};
 

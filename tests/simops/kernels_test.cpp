@@ -2,6 +2,7 @@
 // paddings and zero points: wherever the integer form applies they must
 // agree exactly.
 #include "kernels.h"
+
 #include "simops_util.h"
 
 namespace simops {
@@ -38,10 +39,10 @@ struct Sweep {
 };
 
 const Sweep kSweeps[] = {
-    {1, 7, 7, 3, 3, 3, 8, 2, true, 128, 128},  {2, 5, 6, 4, 2, 3, 5, 1, true, 0, 255},
-    {1, 9, 4, 16, 1, 1, 33, 1, false, 17, 3},  {1, 6, 6, 5, 3, 3, 7, 3, false, 255, 0},
-    {1, 1, 1, 70, 1, 1, 4, 1, true, 100, 101}, {3, 4, 4, 2, 4, 4, 3, 1, true, 50, 200},
-    {1, 11, 3, 6, 5, 1, 18, 2, true, -255, 510},
+    {1, 7, 7, 3, 3, 3, 8, 2, true, 128, 128},    {2, 5, 6, 4, 2, 3, 5, 1, true, 0, 255},
+    {1, 9, 4, 16, 1, 1, 33, 1, false, 17, 3},    {1, 6, 6, 5, 3, 3, 7, 3, false, 255, 0},
+    {1, 1, 1, 70, 1, 1, 4, 1, true, 100, 101},   {3, 4, 4, 2, 4, 4, 3, 1, true, 50, 200},
+    {1, 11, 3, 6, 5, 1, 18, 2, true, -255, 510}, {1, 5, 5, 4, 3, 3, 130, 1, true, 1, 254},
 };
 
 TEST(IntegerKernels, ConvMatchesReference) {
@@ -87,7 +88,8 @@ TEST(IntegerKernels, DepthwiseMatchesReference) {
 
 TEST(IntegerKernels, MatMulMatchesReference) {
     Lcg g(97);
-    const uint32_t shapes[][3] = {{1, 1, 1}, {3, 17, 5}, {4, 64, 16}, {9, 33, 37}, {5, 1024, 3}};
+    const uint32_t shapes[][3] = {{1, 1, 1},    {3, 17, 5},   {4, 64, 16}, {9, 33, 37},
+                                  {5, 1024, 3}, {6, 40, 150}, {7, 9, 64}};
     for (const auto& sh : shapes) {
         const Affine8 ai = affine(0.125f, 3), aw = affine(0.5f, 250);
         const std::vector<uint8_t> in = g.bytes(sh[0] * sh[1]), w = g.bytes(sh[1] * sh[2]);

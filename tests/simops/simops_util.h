@@ -50,7 +50,9 @@ inline Tensor f32(D4 d, const std::vector<float>& v) {
     return t;
 }
 
-inline Tensor scalar(float v) { return f32({1, 1, 1, 1}, {v}); }
+inline Tensor scalar(float v) {
+    return f32({1, 1, 1, 1}, {v});
+}
 
 // A shape-only constant (stride, window): dims 1xHxWx1 over one zero word.
 inline Tensor hw(uint32_t h, uint32_t w) {
@@ -61,7 +63,9 @@ inline Tensor hw(uint32_t h, uint32_t w) {
     return t;
 }
 
-inline std::vector<uint8_t> bytes(const Tensor& t) { return t.data; }
+inline std::vector<uint8_t> bytes(const Tensor& t) {
+    return t.data;
+}
 
 inline std::vector<int32_t> ints(const Tensor& t) {
     std::vector<int32_t> v(t.data.size() / 4);
@@ -75,7 +79,9 @@ inline std::vector<float> floats(const Tensor& t) {
     return v;
 }
 
-inline float first(const Tensor& t) { return floats(t).at(0); }
+inline float first(const Tensor& t) {
+    return floats(t).at(0);
+}
 
 // Step of an int32 value from its range outputs.
 inline double step32(const std::vector<Tensor>& outs) {
@@ -107,7 +113,9 @@ struct OpRun {
         return *this;
     }
     // Value record plus the two range records.
-    OpRun& quantOut(D4 d, uint32_t elementSize) { return out(d, elementSize).out({1, 1, 1, 1}, 4).out({1, 1, 1, 1}, 4); }
+    OpRun& quantOut(D4 d, uint32_t elementSize) {
+        return out(d, elementSize).out({1, 1, 1, 1}, 4).out({1, 1, 1, 1}, 4);
+    }
     bool run() {
         const OpSpec* spec = zelsim::findOp(node.op);
         if (!spec || !spec->execute) {
@@ -179,7 +187,9 @@ struct NodeCheck {
         node.outputs.push_back(record(d, elementSize));
         return *this;
     }
-    NodeCheck& quantOut(D4 d, uint32_t elementSize) { return out(d, elementSize).out({1, 1, 1, 1}, 4).out({1, 1, 1, 1}, 4); }
+    NodeCheck& quantOut(D4 d, uint32_t elementSize) {
+        return out(d, elementSize).out({1, 1, 1, 1}, 4).out({1, 1, 1, 1}, 4);
+    }
     std::string validate() const {
         const OpSpec* spec = zelsim::findOp(node.op);
         if (!spec) return "unknown op";

@@ -116,11 +116,15 @@ struct ValidateCase {
     NodeCheck node;
     std::string expected;  // "" = accepted
 };
-void PrintTo(const ValidateCase& c, std::ostream* os) { *os << c.name; }
+void PrintTo(const ValidateCase& c, std::ostream* os) {
+    *os << c.name;
+}
 
 class ValidateTest : public ::testing::TestWithParam<ValidateCase> {};
 
-TEST_P(ValidateTest, Reason) { EXPECT_EQ(GetParam().node.validate(), GetParam().expected); }
+TEST_P(ValidateTest, Reason) {
+    EXPECT_EQ(GetParam().node.validate(), GetParam().expected);
+}
 
 const char* const kFloatText = " must be a 1x1x1x1 float (a 4-byte constant or a one-element output of element size 4)";
 
@@ -240,7 +244,8 @@ INSTANTIATE_TEST_SUITE_P(
                      "QuantizedMaxPool_8: output 0 (value) must be 1x2x2x1 with element size 1, got 1x3x3x1 with "
                      "element size 1"},
         ValidateCase{"ConcatValid", concat(3, {1, 1, 2, 3}, {1, 1, 2, 5}), ""},
-        ValidateCase{"ConcatDim", concat(4, {1, 1, 2, 3}, {1, 1, 2, 5}), "QuantizedConcat_8: dim must be 0 to 3, got 4"},
+        ValidateCase{"ConcatDim", concat(4, {1, 1, 2, 3}, {1, 1, 2, 5}),
+                     "QuantizedConcat_8: dim must be 0 to 3, got 4"},
         ValidateCase{"ConcatMismatch", concat(3, {1, 1, 3, 2}, {1, 1, 2, 4}),
                      "QuantizedConcat_8: value 1 (1x1x3x2) does not match value 0 (1x1x2x2) outside dim 3"},
         ValidateCase{"ConcatCount", concat(3, {1, 1, 2, 3}, {1, 1, 2, 5}).scalar(0).scalar(1),
@@ -253,8 +258,7 @@ INSTANTIATE_TEST_SUITE_P(
                      "QuantizedResizeBilinear_8: size must be positive, got 0x3"},
         ValidateCase{"ResizeOneValue", resize({3}, {1, 3, 3, 3}),
                      "QuantizedResizeBilinear_8: input 1 (size) must be an int32 constant of 2 elements"},
-        ValidateCase{"PReluValid", prelu(), ""},
-        ValidateCase{"QuantizeValid", quantize(), ""},
+        ValidateCase{"PReluValid", prelu(), ""}, ValidateCase{"QuantizeValid", quantize(), ""},
         ValidateCase{"DequantizeValid", dequantize().out({1, 1, 2, 2}, 4), ""},
         ValidateCase{"DequantizeThreeOutputs", dequantize().quantOut({1, 1, 2, 2}, 4),
                      "Dequantize: expects 1 output, got 3"}),
@@ -262,28 +266,28 @@ INSTANTIATE_TEST_SUITE_P(
 
 INSTANTIATE_TEST_SUITE_P(
     Structural, ValidateTest,
-    ::testing::Values(
-        ValidateCase{"InputWithOutputs", NodeCheck(ZEL_OP_INPUT).out({1, 2, 2, 1}, 1).out(k1, 4), ""},
-        ValidateCase{"InputWithInput", NodeCheck(ZEL_OP_INPUT).value(k1, 1), "INPUT: expects 0 inputs, got 1"},
-        ValidateCase{"OutputWithInputs", NodeCheck(ZEL_OP_OUTPUT).value(k1, 1).value(k1, 4), ""},
-        ValidateCase{"OutputWithOutput", NodeCheck(ZEL_OP_OUTPUT).value(k1, 1).out(k1, 1),
-                     "OUTPUT: expects 0 outputs, got 1"},
-        ValidateCase{"SplitValid", split(6), ""},
-        ValidateCase{"SplitPartial", split(5),
-                     "QuantizedSplit_8: expects three outputs (value, min, max) per part, got 5"},
-        ValidateCase{"FloatConvValid", floatNode(ZEL_OP_FloatConv2d, 3, 4, ZEL_NN_PAD_SAME), ""},
-        ValidateCase{"FloatConvCount", floatNode(ZEL_OP_FloatConv2d, 2, 4, ZEL_NN_PAD_SAME),
-                     "FloatConv2d: expects 3 inputs, got 2"},
-        ValidateCase{"FloatConcatMany", floatNode(ZEL_OP_FloatConcat, 4, 4), ""},
-        ValidateCase{"FloatReluByteOutput", floatNode(ZEL_OP_FloatRelu, 1, 1),
-                     "FloatRelu: output 0 (value) must have element size 4, got 1"}),
+    ::testing::Values(ValidateCase{"InputWithOutputs", NodeCheck(ZEL_OP_INPUT).out({1, 2, 2, 1}, 1).out(k1, 4), ""},
+                      ValidateCase{"InputWithInput", NodeCheck(ZEL_OP_INPUT).value(k1, 1),
+                                   "INPUT: expects 0 inputs, got 1"},
+                      ValidateCase{"OutputWithInputs", NodeCheck(ZEL_OP_OUTPUT).value(k1, 1).value(k1, 4), ""},
+                      ValidateCase{"OutputWithOutput", NodeCheck(ZEL_OP_OUTPUT).value(k1, 1).out(k1, 1),
+                                   "OUTPUT: expects 0 outputs, got 1"},
+                      ValidateCase{"SplitValid", split(6), ""},
+                      ValidateCase{"SplitPartial", split(5),
+                                   "QuantizedSplit_8: expects three outputs (value, min, max) per part, got 5"},
+                      ValidateCase{"FloatConvValid", floatNode(ZEL_OP_FloatConv2d, 3, 4, ZEL_NN_PAD_SAME), ""},
+                      ValidateCase{"FloatConvCount", floatNode(ZEL_OP_FloatConv2d, 2, 4, ZEL_NN_PAD_SAME),
+                                   "FloatConv2d: expects 3 inputs, got 2"},
+                      ValidateCase{"FloatConcatMany", floatNode(ZEL_OP_FloatConcat, 4, 4), ""},
+                      ValidateCase{"FloatReluByteOutput", floatNode(ZEL_OP_FloatRelu, 1, 1),
+                                   "FloatRelu: output 0 (value) must have element size 4, got 1"}),
     [](const ::testing::TestParamInfo<ValidateCase>& i) { return std::string(i.param.name); });
 
 // Every node code of the contract has an entry; the simulator computes
 // exactly the 8-bit nodes the plug-in emits.
 TEST(OpTable, CoversTheContract) {
     const int32_t computed[] = {15, 156, 17, 176, 70, 113, 125, 21, 23, 167, 25, 27, 31, 60, 141, 353, 39, 41};
-    const int32_t checkedOnly[] = {0,  1,  115, 119, 134, 208, 209, 212, 220, 274, 47, 158, 48, 58, 66, 75, 67,
+    const int32_t checkedOnly[] = {0,  1,  115, 119, 134, 208, 209, 212, 220, 274, 47, 158, 48,  58,  66,  75,  67,
                                    51, 52, 53,  54,  56,  62,  61,  49,  169, 50,  46, 59,  131, 244, 135, 133, 132};
     for (int32_t op : computed) {
         const OpSpec* s = zelsim::findOp(op);

@@ -32,3 +32,10 @@ zel_add_gtest(reliability_soak_test
   SOURCES reliability/soak_test.cpp
   LIBS zel_reliability_support
   LABELS "reliability;slow")
+
+# Documentation kept in step with the code.
+zel_add_gtest(support_matrix_test
+  SOURCES docs/support_matrix_test.cpp
+  LIBS zel_core
+  LABELS docs)
+target_compile_definitions(support_matrix_test PRIVATE ZEL_SOURCE_DIR="${CMAKE_SOURCE_DIR}")

@@ -33,8 +33,8 @@ constexpr int kFault = 5;  // the code a failed call returns
 constexpr int kWrongVersion = 0x20101;
 
 // Every runtime entry point that building an executor calls.
-const std::vector<std::string> kBuildEntries = {"init",        "set_config_params", "set_debug_level",
-                                                "append_const_node", "append_node",       "prepare"};
+const std::vector<std::string> kBuildEntries = {
+    "init", "set_config_params", "set_debug_level", "append_const_node", "append_node", "prepare"};
 
 // Votes and tokens of the one model a case builds, read from a fresh
 // runtime binding whose voting clock does not move.

@@ -1,11 +1,11 @@
 #include "reliability_support.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <mutex>
 #include <thread>
-#include <unistd.h>
 
 #include "zelsim/control.h"
 
@@ -19,7 +19,9 @@ using TimePoint = std::chrono::time_point<std::chrono::system_clock, std::chrono
 // arbitrary point so that due times never depend on the wall clock.
 std::atomic<int64_t> gFrozenNow{1'000'000'000'000};
 
-TimePoint frozenNow() { return TimePoint(std::chrono::microseconds(gFrozenNow.load())); }
+TimePoint frozenNow() {
+    return TimePoint(std::chrono::microseconds(gFrozenNow.load()));
+}
 
 }  // namespace
 
@@ -35,7 +37,9 @@ void useFrozenVotingClock() {
     NnLib::setDelaysForTest(delays);
 }
 
-void advanceVotingClock(std::chrono::microseconds by) { gFrozenNow += by.count(); }
+void advanceVotingClock(std::chrono::microseconds by) {
+    gFrozenNow += by.count();
+}
 
 void useShortVotingDelays(std::chrono::microseconds release, std::chrono::microseconds timeout) {
     VotingThread::Delays delays;
@@ -49,7 +53,9 @@ std::shared_ptr<NnLib> freshRuntime() {
     return currentRuntime();
 }
 
-std::shared_ptr<NnLib> currentRuntime() { return arv::nnhal::zel::Controller::getInstance()->getNnLib(); }
+std::shared_ptr<NnLib> currentRuntime() {
+    return arv::nnhal::zel::Controller::getInstance()->getNnLib();
+}
 
 bool waitFor(const std::function<bool()>& condition, std::chrono::milliseconds limit) {
     const auto end = std::chrono::steady_clock::now() + limit;

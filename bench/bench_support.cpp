@@ -56,16 +56,16 @@ kestrel_zel_nn_tensordef describe(const HostOperand& operand, uint8_t* data, uin
 
 }  // namespace
 
-std::unique_ptr<HostGraph> makeGraph(const std::string& spec) {
-    const auto colon = spec.find(':');
-    const std::string kind = spec.substr(0, colon);
-    const std::string arg = colon == std::string::npos ? std::string() : spec.substr(colon + 1);
+std::unique_ptr<HostGraph> makeGraph(const std::string& graphName) {
+    const auto colon = graphName.find(':');
+    const std::string kind = graphName.substr(0, colon);
+    const std::string arg = colon == std::string::npos ? std::string() : graphName.substr(colon + 1);
     uint64_t n = 0;
     if (kind == "mobilenet") {
         arv::nnhal::host::MobileNetOptions options;
         if (!arg.empty()) {
             if (!parseCount(arg, &n) || n == 0 || n > 4096) {
-                std::fprintf(stderr, "bad MobileNet input size in '%s'\n", spec.c_str());
+                std::fprintf(stderr, "bad MobileNet input size in '%s'\n", graphName.c_str());
                 return nullptr;
             }
             options.inputSize = static_cast<uint32_t>(n);
@@ -79,11 +79,13 @@ std::unique_ptr<HostGraph> makeGraph(const std::string& spec) {
         const uint64_t bytes = parseBytes(arg);
         if (bytes > 0 && bytes <= (uint64_t(1) << 31)) return arv::nnhal::host::makeWideFullyConnected(bytes);
     }
-    std::fprintf(stderr, "unknown graph '%s' (mobilenet[:SIZE], chain:N, wide:BYTES)\n", spec.c_str());
+    std::fprintf(stderr, "unknown graph '%s' (mobilenet[:SIZE], chain:N, wide:BYTES)\n", graphName.c_str());
     return nullptr;
 }
 
-uint32_t operationCount(const HostGraph& graph) { return graph.getOperationCount(); }
+uint32_t operationCount(const HostGraph& graph) {
+    return graph.getOperationCount();
+}
 
 uint64_t constantBytes(HostGraph& graph) {
     uint64_t total = 0;
@@ -103,12 +105,12 @@ uint64_t largestConstant(HostGraph& graph) {
     return largest;
 }
 
-uint64_t macsOf(const std::string& spec) {
-    if (spec.rfind("mobilenet", 0) != 0) return 0;
+uint64_t macsOf(const std::string& graphName) {
+    if (graphName.rfind("mobilenet", 0) != 0) return 0;
     arv::nnhal::host::MobileNetOptions options;
-    const auto colon = spec.find(':');
+    const auto colon = graphName.find(':');
     uint64_t n = 0;
-    if (colon != std::string::npos && parseCount(spec.substr(colon + 1), &n)) {
+    if (colon != std::string::npos && parseCount(graphName.substr(colon + 1), &n)) {
         options.inputSize = static_cast<uint32_t>(n);
     }
     return arv::nnhal::host::mobileNetMacs(options);

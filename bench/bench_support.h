@@ -22,9 +22,9 @@ namespace zelbench {
 
 using arv::nnhal::host::HostGraph;
 
-// The graph named by `spec` (see above); null, with a message on stderr,
+// The graph named by `graphName` (see above); null, with a message on stderr,
 // for a text it does not understand.
-std::unique_ptr<HostGraph> makeGraph(const std::string& spec);
+std::unique_ptr<HostGraph> makeGraph(const std::string& graphName);
 
 // Number of host operations of a graph.
 uint32_t operationCount(const HostGraph& graph);
@@ -32,9 +32,9 @@ uint32_t operationCount(const HostGraph& graph);
 uint64_t constantBytes(HostGraph& graph);
 // Bytes of the largest constant operand.
 uint64_t largestConstant(HostGraph& graph);
-// Multiply-accumulates of one inference when `spec` names a MobileNet
+// Multiply-accumulates of one inference when `graphName` names a MobileNet
 // graph; 0 otherwise.
-uint64_t macsOf(const std::string& spec);
+uint64_t macsOf(const std::string& graphName);
 
 // The plug-in's accelerator, created through the factory on first use.
 arv::nnhal::IAccelerator* accelerator();

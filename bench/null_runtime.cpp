@@ -24,9 +24,13 @@ extern "C" {
 
 // Constant bytes handed over since the library was loaded (a marker that
 // also tells the benchmark which runtime the plug-in opened).
-ZEL_NULL_EXPORT uint64_t zel_bench_null_runtime_bytes(void) { return gConstantBytes.load(); }
+ZEL_NULL_EXPORT uint64_t zel_bench_null_runtime_bytes(void) {
+    return gConstantBytes.load();
+}
 
-ZEL_NULL_EXPORT int kestrel_zel_nn_config(void) { return 0; }
+ZEL_NULL_EXPORT int kestrel_zel_nn_config(void) {
+    return 0;
+}
 
 ZEL_NULL_EXPORT int kestrel_zel_nn_version(int* version) {
     if (version == nullptr) return -1;
@@ -40,9 +44,13 @@ ZEL_NULL_EXPORT int kestrel_zel_nn_init(int* graph_id) {
     return 0;
 }
 
-ZEL_NULL_EXPORT int kestrel_zel_nn_set_config_params(int, kestrel_zel_nn_config_enum, void*) { return 0; }
+ZEL_NULL_EXPORT int kestrel_zel_nn_set_config_params(int, kestrel_zel_nn_config_enum, void*) {
+    return 0;
+}
 
-ZEL_NULL_EXPORT int kestrel_zel_nn_set_debug_level(int, int) { return 0; }
+ZEL_NULL_EXPORT int kestrel_zel_nn_set_debug_level(int, int) {
+    return 0;
+}
 
 ZEL_NULL_EXPORT int kestrel_zel_nn_getlog(int, unsigned char* buf, unsigned int length) {
     if (buf != nullptr && length > 0) buf[0] = 0;
@@ -69,7 +77,9 @@ ZEL_NULL_EXPORT int kestrel_zel_nn_append_const_node(int, unsigned int, unsigned
     return 0;
 }
 
-ZEL_NULL_EXPORT int kestrel_zel_nn_prepare(int) { return 0; }
+ZEL_NULL_EXPORT int kestrel_zel_nn_prepare(int) {
+    return 0;
+}
 
 ZEL_NULL_EXPORT int kestrel_zel_nn_execute_new(int, const kestrel_zel_nn_tensordef*, unsigned int,
                                                kestrel_zel_nn_tensordef*, unsigned int) {
@@ -78,11 +88,12 @@ ZEL_NULL_EXPORT int kestrel_zel_nn_execute_new(int, const kestrel_zel_nn_tensord
 
 ZEL_NULL_EXPORT int kestrel_zel_nn_execute(int, unsigned int, unsigned int, unsigned int, unsigned int,
                                            const unsigned char*, unsigned int, unsigned int*, unsigned int*,
-                                           unsigned int*, unsigned int*, unsigned char*, unsigned int,
-                                           unsigned int*) {
+                                           unsigned int*, unsigned int*, unsigned char*, unsigned int, unsigned int*) {
     return -1;
 }
 
-ZEL_NULL_EXPORT int kestrel_zel_nn_teardown(int) { return 0; }
+ZEL_NULL_EXPORT int kestrel_zel_nn_teardown(int) {
+    return 0;
+}
 
 }  // extern "C"

@@ -38,10 +38,10 @@ using arv::nnhal::Status;
 using zelbench::HostGraph;
 
 // Graphs are built once per process and shared by the benchmarks.
-HostGraph& graphFor(const std::string& spec) {
+HostGraph& graphFor(const std::string& graphName) {
     static std::map<std::string, std::unique_ptr<HostGraph>> cache;
-    std::unique_ptr<HostGraph>& slot = cache[spec];
-    if (!slot) slot = zelbench::makeGraph(spec);
+    std::unique_ptr<HostGraph>& slot = cache[graphName];
+    if (!slot) slot = zelbench::makeGraph(graphName);
     return *slot;
 }
 
@@ -59,8 +59,8 @@ void describeGraph(benchmark::State& state, HostGraph& graph) {
     state.counters["constant_bytes"] = static_cast<double>(zelbench::constantBytes(graph));
 }
 
-void memcpyConstants(benchmark::State& state, const std::string& spec) {
-    HostGraph& graph = graphFor(spec);
+void memcpyConstants(benchmark::State& state, const std::string& graphName) {
+    HostGraph& graph = graphFor(graphName);
     const size_t bytes = static_cast<size_t>(zelbench::constantBytes(graph));
     // Source: every constant laid end to end; destination written once
     // beforehand so that page faults stay out of the copy.
@@ -82,8 +82,8 @@ void memcpyConstants(benchmark::State& state, const std::string& spec) {
     describeGraph(state, graph);
 }
 
-void prepareGraph(benchmark::State& state, const std::string& spec, bool passThrough) {
-    HostGraph& graph = graphFor(spec);
+void prepareGraph(benchmark::State& state, const std::string& graphName, bool passThrough) {
+    HostGraph& graph = graphFor(graphName);
     resetRuntime(passThrough);
     for (auto _ : state) {
         IGraphExecutor* executor = zelbench::prepare(graph);
@@ -99,8 +99,8 @@ void prepareGraph(benchmark::State& state, const std::string& spec, bool passThr
     describeGraph(state, graph);
 }
 
-void supportQuery(benchmark::State& state, const std::string& spec) {
-    HostGraph& graph = graphFor(spec);
+void supportQuery(benchmark::State& state, const std::string& graphName) {
+    HostGraph& graph = graphFor(graphName);
     resetRuntime(true);
     arv::nnhal::host::HostSupportQuery query(graph.getOperationCount());
     for (auto _ : state) {
@@ -114,8 +114,8 @@ void supportQuery(benchmark::State& state, const std::string& spec) {
 
 // Executions on a graph prepared in pass-through mode: `direct` calls the
 // runtime with the records the plug-in would build, skipping the plug-in.
-void executeGraph(benchmark::State& state, const std::string& spec, bool direct) {
-    HostGraph& graph = graphFor(spec);
+void executeGraph(benchmark::State& state, const std::string& graphName, bool direct) {
+    HostGraph& graph = graphFor(graphName);
     resetRuntime(true);
     IGraphExecutor* executor = zelbench::prepare(graph);
     if (executor == nullptr) {
@@ -142,8 +142,8 @@ void executeGraph(benchmark::State& state, const std::string& spec, bool direct)
 }
 
 // One inference with the simulator's full numerics.
-void inference(benchmark::State& state, const std::string& spec) {
-    HostGraph& graph = graphFor(spec);
+void inference(benchmark::State& state, const std::string& graphName) {
+    HostGraph& graph = graphFor(graphName);
     resetRuntime(false);
     IGraphExecutor* executor = zelbench::prepare(graph);
     if (executor == nullptr) {
@@ -160,10 +160,10 @@ void inference(benchmark::State& state, const std::string& spec) {
         }
     }
     executor->release();
-    const double macs = static_cast<double>(zelbench::macsOf(spec));
+    const double macs = static_cast<double>(zelbench::macsOf(graphName));
     state.counters["macs"] = macs;
-    state.counters["MAC/s"] = benchmark::Counter(macs * static_cast<double>(state.iterations()),
-                                                 benchmark::Counter::kIsRate);
+    state.counters["MAC/s"] =
+        benchmark::Counter(macs * static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
     describeGraph(state, graph);
 }
 
@@ -192,9 +192,7 @@ void registerAll(const Sizes& sizes, bool tiny) {
     wall(benchmark::RegisterBenchmark(("execute_plugin/" + m).c_str(), executeGraph, m, false), 5);
     wall(benchmark::RegisterBenchmark(("execute_direct/" + m).c_str(), executeGraph, m, true), 5);
     // Full numerics are slow: one inference per repetition.
-    benchmark::RegisterBenchmark(("inference/" + m).c_str(), inference, m)
-        ->Iterations(1)
-        ->Repetitions(tiny ? 1 : 3);
+    benchmark::RegisterBenchmark(("inference/" + m).c_str(), inference, m)->Iterations(1)->Repetitions(tiny ? 1 : 3);
     for (const std::string& c : sizes.chains) {
         quick(benchmark::RegisterBenchmark(("prepare_passthrough/" + c).c_str(), prepareGraph, c, true), 3);
         wall(benchmark::RegisterBenchmark(("support/" + c).c_str(), supportQuery, c), 3);
@@ -226,7 +224,8 @@ int main(int argc, char** argv) {
     if (tiny) {
         sizes = {"mobilenet:16", {"chain:10", "chain:100"}, {"wide:100K"}};
     } else {
-        sizes = {"mobilenet", {"chain:10", "chain:100", "chain:1000", "chain:10000"}, {"wide:1M", "wide:10M", "wide:100M"}};
+        sizes = {
+            "mobilenet", {"chain:10", "chain:100", "chain:1000", "chain:10000"}, {"wide:1M", "wide:10M", "wide:100M"}};
     }
     registerAll(sizes, tiny);
     benchmark::RunSpecifiedBenchmarks();

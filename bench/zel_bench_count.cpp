@@ -8,8 +8,10 @@
 // other threads are the plug-in's power voting thread, counted for as long
 // as instrumentation is on: after the K actions the driver waits until the
 // votes the actions cast have fallen due and the voting thread's queue
-// stops changing, so the work the actions queued is in the count. Without valgrind the client requests do nothing and the
-// program is a quick functional check.
+// stops changing, so the work the actions queued is in the count. It waits
+// the same way after the warm-up, so every count starts with a quiet
+// queue. Without valgrind the client requests do nothing, nothing waits and
+// the program is a quick functional check.
 //
 // Scenarios (the runtime is the simulator, linked into this program):
 //   support           isGraphSupported on GRAPH
@@ -106,10 +108,10 @@ void measure(unsigned k, const std::function<bool()>& action, const std::functio
 int main(int argc, char** argv) {
     if (argc != 4) return usage();
     const std::string scenario = argv[1];
-    const std::string spec = argv[2];
+    const std::string graphName = argv[2];
     const unsigned k = static_cast<unsigned>(std::strtoul(argv[3], nullptr, 10));
     if (k == 0) return usage();
-    std::unique_ptr<HostGraph> graph = zelbench::makeGraph(spec);
+    std::unique_ptr<HostGraph> graph = zelbench::makeGraph(graphName);
     if (!graph) return usage();
 
     zelsim::reset();
@@ -118,13 +120,12 @@ int main(int argc, char** argv) {
 
     if (scenario == "support") {
         arv::nnhal::host::HostSupportQuery query(graph->getOperationCount());
-        measure(
-            k,
-            [&] {
-                zelbench::accelerator()->isGraphSupported(graph.get(), &query);
-                return query.calls() > 0 || graph->getOperationCount() == 0;
-            },
-            {});
+        measure(k,
+                [&] {
+                    zelbench::accelerator()->isGraphSupported(graph.get(), &query);
+                    return query.calls() > 0 || graph->getOperationCount() == 0;
+                },
+                {});
     } else if (scenario == "prepare" || scenario == "prepare-validated") {
         measure(
             k,
@@ -146,28 +147,26 @@ int main(int argc, char** argv) {
         if (scenario == "execute") {
             measure(k, [&] { return executor->execute().status == Status::SUCCESS; }, {});
         } else if (scenario == "execute-direct") {
-            measure(
-                k,
-                [&] {
-                    return kestrel_zel_nn_execute_new(graphId, ins.data(), static_cast<unsigned>(ins.size()),
-                                                      outs.data(), static_cast<unsigned>(outs.size())) == 0;
-                },
-                {});
+            measure(k,
+                    [&] {
+                        return kestrel_zel_nn_execute_new(graphId, ins.data(), static_cast<unsigned>(ins.size()),
+                                                          outs.data(), static_cast<unsigned>(outs.size())) == 0;
+                    },
+                    {});
         } else {
-            measure(
-                k,
-                [&] {
-                    int version = 0;
-                    return kestrel_zel_nn_version(&version) == 0 && version != 0;
-                },
-                {});
+            measure(k,
+                    [&] {
+                        int version = 0;
+                        return kestrel_zel_nn_version(&version) == 0 && version != 0;
+                    },
+                    {});
         }
         executor->release();
     } else {
         return usage();
     }
 
-    std::printf("scenario=%s graph=%s k=%u operations=%u bytes=%llu\n", scenario.c_str(), spec.c_str(), k,
+    std::printf("scenario=%s graph=%s k=%u operations=%u bytes=%llu\n", scenario.c_str(), graphName.c_str(), k,
                 zelbench::operationCount(*graph), static_cast<unsigned long long>(zelbench::constantBytes(*graph)));
     return 0;
 }

@@ -66,10 +66,18 @@ void* throwingAlloc(std::size_t size, std::size_t align) {
 
 }  // namespace
 
-void* operator new(std::size_t size) { return throwingAlloc(size, 0); }
-void* operator new[](std::size_t size) { return throwingAlloc(size, 0); }
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return countedAlloc(size, 0); }
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept { return countedAlloc(size, 0); }
+void* operator new(std::size_t size) {
+    return throwingAlloc(size, 0);
+}
+void* operator new[](std::size_t size) {
+    return throwingAlloc(size, 0);
+}
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    return countedAlloc(size, 0);
+}
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
+    return countedAlloc(size, 0);
+}
 void* operator new(std::size_t size, std::align_val_t align) {
     return throwingAlloc(size, static_cast<std::size_t>(align));
 }
@@ -82,14 +90,30 @@ void* operator new(std::size_t size, std::align_val_t align, const std::nothrow_
 void* operator new[](std::size_t size, std::align_val_t align, const std::nothrow_t&) noexcept {
     return countedAlloc(size, static_cast<std::size_t>(align));
 }
-void operator delete(void* p) noexcept { countedFree(p, 0); }
-void operator delete[](void* p) noexcept { countedFree(p, 0); }
-void operator delete(void* p, std::size_t) noexcept { countedFree(p, 0); }
-void operator delete[](void* p, std::size_t) noexcept { countedFree(p, 0); }
-void operator delete(void* p, const std::nothrow_t&) noexcept { countedFree(p, 0); }
-void operator delete[](void* p, const std::nothrow_t&) noexcept { countedFree(p, 0); }
-void operator delete(void* p, std::align_val_t align) noexcept { countedFree(p, static_cast<std::size_t>(align)); }
-void operator delete[](void* p, std::align_val_t align) noexcept { countedFree(p, static_cast<std::size_t>(align)); }
+void operator delete(void* p) noexcept {
+    countedFree(p, 0);
+}
+void operator delete[](void* p) noexcept {
+    countedFree(p, 0);
+}
+void operator delete(void* p, std::size_t) noexcept {
+    countedFree(p, 0);
+}
+void operator delete[](void* p, std::size_t) noexcept {
+    countedFree(p, 0);
+}
+void operator delete(void* p, const std::nothrow_t&) noexcept {
+    countedFree(p, 0);
+}
+void operator delete[](void* p, const std::nothrow_t&) noexcept {
+    countedFree(p, 0);
+}
+void operator delete(void* p, std::align_val_t align) noexcept {
+    countedFree(p, static_cast<std::size_t>(align));
+}
+void operator delete[](void* p, std::align_val_t align) noexcept {
+    countedFree(p, static_cast<std::size_t>(align));
+}
 void operator delete(void* p, std::size_t, std::align_val_t align) noexcept {
     countedFree(p, static_cast<std::size_t>(align));
 }
@@ -136,8 +160,9 @@ int main(int argc, char** argv) {
     }
     const NullBytesFn handedOver = nullRuntimeCounter();
     if (handedOver == nullptr) {
-        std::fprintf(stderr, "the plug-in did not open the null runtime: put <build>/bench/nullrt first on "
-                             "LD_LIBRARY_PATH\n");
+        std::fprintf(stderr,
+                     "the plug-in did not open the null runtime: put <build>/bench/nullrt first on "
+                     "LD_LIBRARY_PATH\n");
         return 1;
     }
 

@@ -15,12 +15,10 @@ namespace {
 
 using TimePoint = std::chrono::time_point<std::chrono::system_clock, std::chrono::microseconds>;
 
-// Microseconds since the epoch of the frozen clock; it starts at a fixed,
-// arbitrary point so that due times never depend on the wall clock.
-std::atomic<int64_t> gFrozenNow{1'000'000'000'000};
-
+// The frozen clock stands at a fixed, arbitrary point: due times never
+// depend on the wall clock.
 TimePoint frozenNow() {
-    return TimePoint(std::chrono::microseconds(gFrozenNow.load()));
+    return TimePoint(std::chrono::microseconds(int64_t{1'000'000'000'000}));
 }
 
 }  // namespace
@@ -35,10 +33,6 @@ void useFrozenVotingClock() {
     VotingThread::Delays delays;  // production delays, frozen clock
     delays.clock = &frozenNow;
     NnLib::setDelaysForTest(delays);
-}
-
-void advanceVotingClock(std::chrono::microseconds by) {
-    gFrozenNow += by.count();
 }
 
 void useShortVotingDelays(std::chrono::microseconds release, std::chrono::microseconds timeout) {

@@ -3,7 +3,6 @@
 // a host graph decorator that answers like a broken host.
 #pragma once
 
-#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -38,12 +37,9 @@ private:
     arv::nnhal::IAccelerator* mAccelerator;
 };
 
-// Voting clock of the runtimes made from now on: frozen until advanced, so
-// up votes are handled at once and down votes and token releases wait.
-// Must be called before anything reaches the controller.
+// Voting clock of the runtimes made from now on: frozen, so up votes are
+// handled at once while down votes and token releases stay queued.
 void useFrozenVotingClock();
-// Advances the frozen clock.
-void advanceVotingClock(std::chrono::microseconds by);
 // Short real delays for the runtimes made from now on (stress runs).
 void useShortVotingDelays(std::chrono::microseconds release, std::chrono::microseconds timeout);
 

@@ -19,6 +19,7 @@
 constexpr const char* kZelLogTag = "zel-android-log-ravine";
 // Writes `msg` at debug priority (3).
 void handle_debug_info(const std::string& msg);
+void handle_debug_info(const char* msg);
 // Writes `msg` at error priority (6).
 void handle_error_info(const std::string& msg);
 

@@ -6,6 +6,7 @@
 #include <dlfcn.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <atomic>
 #include <exception>
 #include <sstream>
@@ -488,9 +489,10 @@ bool Controller::heartBeat() {
         // The wrapper answers -1 when the entry is not bound.
         const int rc = lib->version(&version);
         const bool hasError = rc != 0 || version != kZelExpectedVersion;
-        std::ostringstream os;
-        os << "ZEL version: " << std::hex << version << ", has error: " << (hasError ? "Yes" : "No");
-        handle_debug_info(os.str());
+        char text[64];
+        std::snprintf(text, sizeof text, "ZEL version: %x, has error: %s", static_cast<unsigned>(version),
+                      hasError ? "Yes" : "No");
+        handle_debug_info(text);
         result = !hasError;
     }
     handle_debug_info("Out Controller::heartBeat()");

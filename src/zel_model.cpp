@@ -3,6 +3,7 @@
 #include "zel_model.h"
 
 #include <algorithm>
+#include <cstring>
 #include <exception>
 #include <initializer_list>
 #include <limits>
@@ -113,13 +114,50 @@ OperandInfo getUpdatedOperand(IOperand* operand, const OperandInfo& info) {
     return updated;
 }
 
+namespace {
+typedef uint8_t Bytes16 __attribute__((vector_size(16)));
+
+// 16x16 byte tile: four rounds of interleaving row i with row i + 8.
+void transposeTile16(const uint8_t* src, size_t srcStride, uint8_t* dst, size_t dstStride) {
+    Bytes16 x[16];
+    for (int i = 0; i < 16; ++i) std::memcpy(&x[i], src + i * srcStride, 16);
+    for (int round = 0; round < 4; ++round) {
+        Bytes16 y[16];
+        for (int i = 0; i < 8; ++i) {
+            y[2 * i] = __builtin_shufflevector(x[i], x[i + 8], 0, 16, 1, 17, 2, 18, 3, 19, 4, 20, 5, 21, 6, 22, 7, 23);
+            y[2 * i + 1] =
+                __builtin_shufflevector(x[i], x[i + 8], 8, 24, 9, 25, 10, 26, 11, 27, 12, 28, 13, 29, 14, 30, 15, 31);
+        }
+        for (int i = 0; i < 16; ++i) x[i] = y[i];
+    }
+    for (int i = 0; i < 16; ++i) std::memcpy(dst + i * dstStride, &x[i], 16);
+}
+}  // namespace
+
 std::vector<uint8_t> transpose(uint32_t rows, uint32_t cols, const uint8_t* data) {
     const uint64_t count = static_cast<uint64_t>(rows) * cols;
     if (data == nullptr || count == 0 || count > std::numeric_limits<size_t>::max()) return {};
     std::vector<uint8_t> result(static_cast<size_t>(count));
-    for (uint32_t r = 0; r < rows; ++r) {
-        for (uint32_t c = 0; c < cols; ++c) {
-            result[static_cast<size_t>(c) * rows + r] = data[static_cast<size_t>(r) * cols + c];
+    uint8_t* out = result.data();
+    constexpr uint32_t kBlock = 64;
+    for (uint32_t r0 = 0; r0 < rows; r0 += kBlock) {
+        const uint32_t r1 = std::min(rows, r0 + kBlock);
+        for (uint32_t c0 = 0; c0 < cols; c0 += kBlock) {
+            const uint32_t c1 = std::min(cols, c0 + kBlock);
+            uint32_t r = r0;
+            for (; r + 16 <= r1; r += 16) {
+                uint32_t c = c0;
+                for (; c + 16 <= c1; c += 16) {
+                    transposeTile16(data + static_cast<size_t>(r) * cols + c, cols, out + static_cast<size_t>(c) * rows + r,
+                                    rows);
+                }
+                for (; c < c1; ++c) {
+                    for (uint32_t k = r; k < r + 16; ++k) out[static_cast<size_t>(c) * rows + k] = data[static_cast<size_t>(k) * cols + c];
+                }
+            }
+            for (; r < r1; ++r) {
+                for (uint32_t c = c0; c < c1; ++c) out[static_cast<size_t>(c) * rows + r] = data[static_cast<size_t>(r) * cols + c];
+            }
         }
     }
     return result;
@@ -1072,18 +1110,38 @@ kestrel_zel_nn_tensordef ZelModel::convertToTensordef(const OperandInfo& info) {
 
 bool ZelModel::collectTensordefs(IGraph* graph, const std::vector<uint32_t>& indices,
                                  std::vector<kestrel_zel_nn_tensordef>* defs) {
+    defs->reserve(indices.size());
     for (uint32_t index : indices) {
         IOperand* operand = graph->getOperand(index);
         if (operand == nullptr || index >= mOperands.size()) {
             ZEL_LOG_LOCATED("Graph operand " << index << " is missing");
             return false;
         }
-        const OperandInfo info = getUpdatedOperand(operand, mOperands[index]);
-        if (getDimensions(info, false).size() > 4) {
+        const OperandInfo& info = mOperands[index];
+        const uint32_t hostRank = operand->getDimensionCount();
+        const uint32_t rank = hostRank != 0 ? hostRank : static_cast<uint32_t>(info.dimensions.size());
+        if (rank > 4) {
             ZEL_LOG_LOCATED("Operand " << index << " has more than 4 dimensions and cannot be executed");
             return false;
         }
-        defs->push_back(convertToTensordef(info));
+        uint32_t dims[4] = {1, 1, 1, 1};
+        for (uint32_t i = 0; i < rank; ++i) {
+            dims[4 - rank + i] = hostRank != 0 ? operand->getDimension(i) : info.dimensions[i];
+        }
+        if (rank > 0) {
+            if (info.type == OperandType::TENSOR_CUSTOM_BYTE && info.elementSize != 0) dims[3] /= info.elementSize;
+            if (dims[4 - rank] == 0) dims[4 - rank] = mBatchSize;
+        }
+        const DataResult data = operand->getData();
+        kestrel_zel_nn_tensordef def{};
+        def.batches = dims[0];
+        def.height = dims[1];
+        def.width = dims[2];
+        def.depth = dims[3];
+        def.data = const_cast<unsigned char*>(data.data);
+        def.dataLen = static_cast<int32_t>(data.length);
+        def.data_valid_len = data.length;
+        defs->push_back(def);
     }
     return true;
 }

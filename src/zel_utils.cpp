@@ -27,6 +27,8 @@ void handle_debug_info(const std::string& msg) {
     __android_log_print(ANDROID_LOG_DEBUG, kZelLogTag, "%s", msg.c_str());
 }
 
+void handle_debug_info(const char* msg) { __android_log_print(ANDROID_LOG_DEBUG, kZelLogTag, "%s", msg); }
+
 void handle_error_info(const std::string& msg) {
     __android_log_print(ANDROID_LOG_ERROR, kZelLogTag, "%s", msg.c_str());
 }

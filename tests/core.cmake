@@ -6,6 +6,7 @@ zel_add_gtest(core_model_test
     core/constants_test.cpp
     core/nodes_test.cpp
     core/prepare_test.cpp
+    core/transpose_test.cpp
   LIBS zel_core zelhost zel_kestrel_runtime
   LABELS core)
 target_include_directories(core_model_test PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/core)

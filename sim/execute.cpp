@@ -125,14 +125,14 @@ public:
             in.push_back(t);
         }
         if (n.op == ZEL_OP_OUTPUT) return copyOut(in, outputs);
-        const OpSpec* spec = findOp(n.op);
-        if (spec == nullptr || spec->execute == nullptr) return "cannot execute op " + std::to_string(n.op);
+        const OpSpec* entry = findOp(n.op);
+        if (entry == nullptr || entry->execute == nullptr) return "cannot execute op " + std::to_string(n.op);
         std::vector<Tensor> out;
         for (const auto& r : n.outputs) out.push_back(fromRecord(r));
         std::string error;
         bool ok = false;
         try {
-            ok = spec->execute(toDesc(n), in, out, &error);
+            ok = entry->execute(toDesc(n), in, out, &error);
         } catch (const std::exception& e) {
             error = std::string("kernel threw: ") + e.what();
         } catch (...) {

@@ -166,9 +166,9 @@ __attribute__((constructor)) void loadState() { state(); }
 
 std::string opName(int32_t op) {
     static const std::string prefix = "ZEL_OP_";
-    const OpSpec* spec = findOp(op);
-    if (spec != nullptr && spec->name != nullptr) {
-        const std::string name = spec->name;
+    const OpSpec* entry = findOp(op);
+    if (entry != nullptr && entry->name != nullptr) {
+        const std::string name = entry->name;
         return name.compare(0, prefix.size(), prefix) == 0 ? name : prefix + name;
     }
     if (op == ZEL_OP_INPUT) return "ZEL_OP_INPUT";

@@ -99,8 +99,8 @@ std::string validateNode(const Graph& g, const Node& n) {
     std::string why = checkId(g, n.id);
     if (!why.empty()) return why;
     const bool boundary = n.op == ZEL_OP_INPUT || n.op == ZEL_OP_OUTPUT;
-    const OpSpec* spec = findOp(n.op);
-    if (spec == nullptr && !boundary) return "unknown op code " + std::to_string(n.op);
+    const OpSpec* entry = findOp(n.op);
+    if (entry == nullptr && !boundary) return "unknown op code " + std::to_string(n.op);
     if (boundary && !(why = checkBoundaryNode(n)).empty()) return why;
     for (size_t i = 0; i < n.outputs.size(); ++i) {
         why = checkOutputRecord(n.outputs[i], static_cast<uint32_t>(i));
@@ -109,7 +109,7 @@ std::string validateNode(const Graph& g, const Node& n) {
     std::vector<InputInfo> infos;
     why = checkInputs(g, n, &infos);
     if (!why.empty()) return why;
-    if (spec != nullptr && spec->validate != nullptr) return spec->validate(toDesc(n), infos);
+    if (entry != nullptr && entry->validate != nullptr) return entry->validate(toDesc(n), infos);
     return "";
 }
 
@@ -211,8 +211,8 @@ int prepareGraph(State& s, Graph& g) {
             output = &n;
             continue;
         }
-        const OpSpec* spec = findOp(n.op);
-        if (spec == nullptr || spec->execute == nullptr) {
+        const OpSpec* entry = findOp(n.op);
+        if (entry == nullptr || entry->execute == nullptr) {
             return g.fail("prepare: node " + std::to_string(n.id) + ": cannot execute op " + std::to_string(n.op) +
                           " (" + opName(n.op) + ")");
         }

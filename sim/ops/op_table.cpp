@@ -14,7 +14,7 @@ using namespace detail;
 
 struct Entry {
     int32_t op;
-    OpSpec spec;
+    OpSpec entry;
 };
 
 const Entry kTable[] = {
@@ -80,7 +80,7 @@ const Entry kTable[] = {
 
 const OpSpec* findOp(int32_t op) {
     for (const Entry& e : kTable) {
-        if (e.op == op) return &e.spec;
+        if (e.op == op) return &e.entry;
     }
     return nullptr;
 }

@@ -164,8 +164,8 @@ std::string validateLstm(const NodeDesc& node, const std::vector<InputInfo>& inp
 }
 
 std::string validateFloat(const NodeDesc& node, const std::vector<InputInfo>& inputs) {
-    const OpSpec* spec = findOp(node.op);
-    Validator v(spec ? spec->name : "float node", node, inputs);
+    const OpSpec* entry = findOp(node.op);
+    Validator v(entry ? entry->name : "float node", node, inputs);
     for (const FloatRule& rule : kFloatRules) {
         if (rule.op != node.op) continue;
         bool same = false;

@@ -198,13 +198,13 @@ TEST_F(ValidateTest, PrepareAcceptsGraphsWithoutBoundaryNodesAndIgnoresRefusedNo
 // Whatever op the table knows but cannot compute stops prepare.
 TEST_F(ValidateTest, PrepareRefusesOpsWithoutKernel) {
     for (int32_t op = 2; op < 400; ++op) {
-        const zelsim::OpSpec* spec = zelsim::findOp(op);
-        if (spec == nullptr || spec->execute != nullptr) continue;
+        const zelsim::OpSpec* entry = zelsim::findOp(op);
+        if (entry == nullptr || entry->execute != nullptr) continue;
         simtest::Graph candidate;
         candidate.node(1, ZEL_OP_INPUT, {}, {rec(1, 2, 2, 4, 4)});
         if (candidate.node(2, op, {{1, 0}}, {rec(1, 2, 2, 4, 4)}) != 0) continue;  // needs other inputs
         EXPECT_NE(0, candidate.prepare());
-        EXPECT_EQ("prepare: node 2: cannot execute op " + std::to_string(op) + " (ZEL_OP_" + spec->name + ")",
+        EXPECT_EQ("prepare: node 2: cannot execute op " + std::to_string(op) + " (ZEL_OP_" + entry->name + ")",
                   candidate.log());
         return;
     }

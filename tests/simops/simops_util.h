@@ -117,14 +117,14 @@ struct OpRun {
         return out(d, elementSize).out({1, 1, 1, 1}, 4).out({1, 1, 1, 1}, 4);
     }
     bool run() {
-        const OpSpec* spec = zelsim::findOp(node.op);
-        if (!spec || !spec->execute) {
+        const OpSpec* entry = zelsim::findOp(node.op);
+        if (!entry || !entry->execute) {
             error = "no kernel";
             return false;
         }
         std::vector<const Tensor*> p;
         for (const Tensor& t : ins) p.push_back(&t);
-        return spec->execute(node, p, outs, &error);
+        return entry->execute(node, p, outs, &error);
     }
 };
 
@@ -191,8 +191,8 @@ struct NodeCheck {
         return out(d, elementSize).out({1, 1, 1, 1}, 4).out({1, 1, 1, 1}, 4);
     }
     std::string validate() const {
-        const OpSpec* spec = zelsim::findOp(node.op);
-        if (!spec) return "unknown op";
+        const OpSpec* entry = zelsim::findOp(node.op);
+        if (!entry) return "unknown op";
         std::vector<InputInfo> infos;
         for (const Input& i : inputs) {
             InputInfo info;
@@ -205,7 +205,7 @@ struct NodeCheck {
             }
             infos.push_back(info);
         }
-        return spec->validate(node, infos);
+        return entry->validate(node, infos);
     }
 };
 

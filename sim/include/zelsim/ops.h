@@ -49,7 +49,7 @@ struct OpSpec {
                     std::string* error);
 };
 
-// The spec of `op`, or null for an op code the simulator does not know.
+// The table entry of `op`, or null for an op code the simulator does not know.
 const OpSpec* findOp(int32_t op);
 
 }  // namespace zelsim

@@ -2,6 +2,7 @@
 # execute, node by node against the runtime simulator.
 zel_add_gtest(core_model_test
   SOURCES
+    core/node_diagram.cpp
     core/registry_test.cpp
     core/constants_test.cpp
     core/nodes_test.cpp

@@ -1,6 +1,5 @@
 // Shared fixture of the model tests: a fresh simulator and runtime binding
-// per test, small builders for host graphs and readable views of the nodes
-// the simulator recorded.
+// per test, small builders for host graphs and the recorded node chains.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -14,6 +13,7 @@
 #include <vector>
 
 #include "log_capture.h"
+#include "node_diagram.h"
 #include "zel_accelerator.h"
 #include "zel_model.h"
 #include "zelhost/host_graph.h"
@@ -27,39 +27,16 @@ using arv::nnhal::host::HostGraph;
 using arv::nnhal::host::Lifetime;
 using arv::nnhal::zel::Controller;
 using arv::nnhal::zel::input;
+using arv::nnhal::zel::make_kestrel_nn_output;
 using arv::nnhal::zel::OperandInfo;
 using arv::nnhal::zel::output;
 using arv::nnhal::zel::ZelModel;
+using zeltest::expectChain;
 
-// {src_id, output_idx} pairs, for comparing reference lists at a glance.
+// {src_id, output_idx}, for comparing references at a glance.
 using Ref = std::pair<uint32_t, uint32_t>;
-using Refs = std::vector<Ref>;
 
-inline Ref ref(const input& in) {
-    return {in.src_id, in.output_idx};
-}
-
-inline Refs refs(const std::vector<kestrel_zel_nn_input>& list) {
-    Refs out;
-    for (const auto& in : list) out.push_back(ref(in));
-    return out;
-}
-
-// Op code recorded for constant nodes.
-constexpr int32_t kConst = -1;
-
-// One expected node: id, op code (kConst for constants) and inputs.
-struct NodeRow {
-    uint32_t id;
-    int32_t op;
-    Refs inputs;
-};
-
-inline std::vector<uint8_t> floatBytes(float value) {
-    std::vector<uint8_t> bytes(sizeof(float));
-    std::memcpy(bytes.data(), &value, sizeof(float));
-    return bytes;
-}
+inline Ref ref(const input& in) { return {in.src_id, in.output_idx}; }
 
 inline float floatOf(const std::vector<uint8_t>& bytes) {
     float value = 0.0f;
@@ -71,11 +48,6 @@ inline std::vector<uint8_t> iota(size_t n) {
     std::vector<uint8_t> bytes(n);
     for (size_t i = 0; i < n; ++i) bytes[i] = static_cast<uint8_t>(i);
     return bytes;
-}
-
-// The record the model gives a quantized value's range.
-inline output rangeRecord() {
-    return arv::nnhal::zel::make_kestrel_nn_output({1, 1, 1, 1}, 4);
 }
 
 class CoreTest : public ::testing::Test {
@@ -101,42 +73,7 @@ protected:
         return id;
     }
 
-    // Node `id` of runtime graph `graphId`, or a failure.
-    zelsim::RecordedNode node(int graphId, uint32_t id) {
-        for (const auto& n : zelsim::nodes(graphId)) {
-            if (n.nodeId == id) return n;
-        }
-        ADD_FAILURE() << "no node " << id << " in graph " << graphId;
-        return {};
-    }
-
-    // Every node recorded for `graphId` after node `afterId`, compared
-    // row by row with `rows` (id, op, inputs) and all accepted.
-    void expectNodes(int graphId, uint32_t afterId, const std::vector<NodeRow>& rows) {
-        std::vector<zelsim::RecordedNode> seen;
-        for (const auto& n : zelsim::nodes(graphId)) {
-            if (n.nodeId > afterId) seen.push_back(n);
-        }
-        ASSERT_EQ(rows.size(), seen.size()) << "node count after " << afterId;
-        for (size_t i = 0; i < rows.size(); ++i) {
-            SCOPED_TRACE("node row " + std::to_string(i));
-            EXPECT_EQ(rows[i].id, seen[i].nodeId);
-            EXPECT_EQ(rows[i].op, seen[i].isConst ? kConst : seen[i].op);
-            EXPECT_EQ(rows[i].inputs, refs(seen[i].inputs));
-            EXPECT_TRUE(seen[i].accepted);
-        }
-    }
-
-    // Error lines with the "<file>::<line> -- " prefix removed (lines
-    // without one are kept whole).
-    std::vector<std::string> errorTexts() const {
-        std::vector<std::string> out;
-        for (const auto& line : log.errors()) {
-            const std::string rest = zeltest::afterLocation(line);
-            out.push_back(rest.empty() ? line : rest);
-        }
-        return out;
-    }
+    std::vector<std::string> errorTexts() const { return zeltest::errorTexts(log); }
 
     // Checks the model's vote balance on its token. Votes are queued at
     // once; up votes are applied by the voting thread within moments while
@@ -154,6 +91,25 @@ protected:
     }
 
     zeltest::LogCapture log;
+};
+
+// A model over `graph` attached to a runtime graph that records nodes
+// without judging them, for calling the node builders one at a time.
+class AttachedTest : public CoreTest {
+protected:
+    void start() {
+        model = build(graph);
+        ASSERT_NE(nullptr, model);
+        graphId = attach(*model);
+        zelsim::setPassThrough(true);
+        log.clear();
+    }
+
+    std::vector<zelsim::RecordedNode> recorded() const { return zelsim::nodes(graphId); }
+
+    HostGraph graph;
+    std::unique_ptr<ZelModel> model;
+    int graphId = 0;
 };
 
 }  // namespace zelcore

@@ -1,7 +1,7 @@
 # Support checking: the quant8 and float32 checks, the support table and the
 # model's support query, over one-operation host graphs.
 zel_add_gtest(checks_test
-  SOURCES checks/check_graph.cpp checks/quant8_checks_test.cpp checks/support_query_test.cpp checks/other_checks_test.cpp
+  SOURCES checks/check_graph.cpp checks/check_rules_test.cpp checks/support_query_test.cpp
   LIBS zel_core zelhost
   LABELS checks)
 target_include_directories(checks_test PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/checks)

@@ -6,6 +6,7 @@
 namespace checktest {
 
 using arv::nnhal::host::Lifetime;
+using OT = OperationType;
 
 namespace {
 
@@ -53,17 +54,13 @@ uint32_t OpGraph::int32Tensor(std::vector<uint32_t> dims, const std::vector<int3
     return graph.addInt32Tensor(std::move(dims), 0.0f, values);
 }
 
-uint32_t OpGraph::scalar(int32_t value) {
-    return graph.addInt32(value);
-}
+uint32_t OpGraph::scalar(int32_t value) { return graph.addInt32(value); }
 
 uint32_t OpGraph::emptyScalar() {
     return graph.addOperand(OperandType::SCALAR_INT32, {}, 0.0f, 0, Lifetime::Constant, {});
 }
 
-void OpGraph::setScalar(uint32_t operand, int32_t value) {
-    graph.operand(operand).mData = int32Bytes({value});
-}
+void OpGraph::setScalar(uint32_t operand, int32_t value) { graph.operand(operand).mData = int32Bytes({value}); }
 
 void OpGraph::setInt32s(uint32_t operand, const std::vector<int32_t>& values) {
     graph.operand(operand).mData = int32Bytes(values);
@@ -73,6 +70,8 @@ void OpGraph::setDims(uint32_t operand, std::vector<uint32_t> dims) {
     graph.operand(operand).mOriginalDims = dims;
     graph.operand(operand).mDims = std::move(dims);
 }
+
+void OpGraph::setType(uint32_t operand, OperandType elementType) { graph.operand(operand).mType = elementType; }
 
 void OpGraph::makeGraphInput(uint32_t operand) {
     graph.operand(operand).mLifetime = Lifetime::Input;
@@ -94,154 +93,130 @@ arv::nnhal::IOperation* OpGraph::operation() {
     return graph.getOperation(0);
 }
 
-std::string formName(Form form) {
-    switch (form) {
-        case Form::ImplicitSame:
-            return "ImplicitSame";
-        case Form::ImplicitValid:
-            return "ImplicitValid";
-        case Form::ExplicitSame:
-            return "ExplicitSame";
-        case Form::ExplicitValid:
-            return "ExplicitValid";
-    }
-    return "";
-}
-
 namespace {
+
+bool same(Form form) { return form == Form::ImplicitSame || form == Form::ExplicitSame; }
 
 // Padding and strides of an 8x8 input under a 3x3 window with stride 2:
 // SAME needs one extra column/row, which goes right/bottom.
 void windowParams(OpGraph& g, Form form) {
-    switch (form) {
-        case Form::ImplicitSame:
-        case Form::ImplicitValid:
-            g.ins.push_back(g.scalar(form == Form::ImplicitSame ? 1 : 2));
-            break;
-        case Form::ExplicitSame:
-        case Form::ExplicitValid: {
-            const int32_t tail = form == Form::ExplicitSame ? 1 : 0;
-            for (int32_t pad : {0, tail, 0, tail}) g.ins.push_back(g.scalar(pad));
-            break;
-        }
+    if (form == Form::ImplicitSame || form == Form::ImplicitValid) {
+        g.ins.push_back(g.scalar(same(form) ? 1 : 2));
+    } else {
+        const int32_t tail = same(form) ? 1 : 0;
+        for (int32_t pad : {0, tail, 0, tail}) g.ins.push_back(g.scalar(pad));
     }
     g.ins.push_back(g.scalar(2));
     g.ins.push_back(g.scalar(2));
 }
 
-bool same(Form form) {
-    return form == Form::ImplicitSame || form == Form::ExplicitSame;
+std::vector<uint32_t> window(OpGraph& g, Form form, int32_t act) {
+    const bool pooling = g.type != OT::CONV_2D && g.type != OT::DEPTHWISE_CONV_2D;
+    const uint32_t depth = g.type == OT::DEPTHWISE_CONV_2D ? 2 : 3;
+    g.ins = {g.tensorInput({1, 8, 8, depth})};
+    if (g.type == OT::CONV_2D) g.ins.push_back(g.tensorConstant({4, 3, 3, 3}));
+    if (g.type == OT::DEPTHWISE_CONV_2D) g.ins.push_back(g.tensorConstant({1, 3, 3, 4}));
+    if (!pooling) g.ins.push_back(g.biasConstant({4}, 0.25f));
+    windowParams(g, form);
+    if (g.type == OT::DEPTHWISE_CONV_2D) g.ins.push_back(g.scalar(2));  // depth multiplier
+    if (pooling) g.ins.insert(g.ins.end(), {g.scalar(3), g.scalar(3)});  // filter width, height
+    g.ins.push_back(g.scalar(act));
+    g.outs = {g.tensorOutput({0, 0, 0, 0})};
+    const uint32_t side = same(form) ? 4 : 3;
+    return {1, side, side, pooling ? 3u : 4u};
 }
 
 }  // namespace
 
-std::vector<uint32_t> conv2d(OpGraph& g, Form form, int32_t act) {
-    g.ins = {g.tensorInput({1, 8, 8, 3}), g.tensorConstant({4, 3, 3, 3}), g.biasConstant({4}, 0.25f)};
-    windowParams(g, form);
-    g.ins.push_back(g.scalar(act));
-    g.outs = {g.tensorOutput({0, 0, 0, 0})};
-    return same(form) ? std::vector<uint32_t>{1, 4, 4, 4} : std::vector<uint32_t>{1, 3, 3, 4};
-}
-
-std::vector<uint32_t> depthwiseConv2d(OpGraph& g, Form form, int32_t act) {
-    g.ins = {g.tensorInput({1, 8, 8, 2}), g.tensorConstant({1, 3, 3, 4}), g.biasConstant({4}, 0.25f)};
-    windowParams(g, form);
-    g.ins.push_back(g.scalar(2));  // depth multiplier
-    g.ins.push_back(g.scalar(act));
-    g.outs = {g.tensorOutput({0, 0, 0, 0})};
-    return same(form) ? std::vector<uint32_t>{1, 4, 4, 4} : std::vector<uint32_t>{1, 3, 3, 4};
-}
-
-std::vector<uint32_t> fullyConnected(OpGraph& g, int32_t act) {
-    g.ins = {g.tensorInput({2, 6}), g.tensorConstant({3, 6}), g.biasConstant({3}, 0.25f), g.scalar(act)};
-    g.outs = {g.tensorOutput({0, 0})};
-    return {2, 3};
-}
-
-std::vector<uint32_t> elementWise(OpGraph& g, int32_t act) {
-    g.ins = {g.tensorInput({1, 2, 2, 3}), g.tensorInput({1, 2, 2, 3}), g.scalar(act)};
-    g.outs = {g.tensorOutput({0, 0, 0, 0})};
-    return {1, 2, 2, 3};
-}
-
-std::vector<uint32_t> pool2d(OpGraph& g, Form form, int32_t act) {
-    g.ins = {g.tensorInput({1, 8, 8, 3})};
-    windowParams(g, form);
-    g.ins.push_back(g.scalar(3));  // filter width
-    g.ins.push_back(g.scalar(3));  // filter height
-    g.ins.push_back(g.scalar(act));
-    g.outs = {g.tensorOutput({0, 0, 0, 0})};
-    return same(form) ? std::vector<uint32_t>{1, 4, 4, 3} : std::vector<uint32_t>{1, 3, 3, 3};
-}
-
-std::vector<uint32_t> activation(OpGraph& g) {
-    g.ins = {g.tensorInput({1, 2, 2, 3})};
-    if (g.type == OperationType::PRELU) g.ins.push_back(g.tensorConstant({3}));
-    if (g.type == OperationType::SOFTMAX) g.ins.push_back(g.scalar(1));  // beta
-    g.outs = {g.tensorOutput({0, 0, 0, 0})};
-    return {1, 2, 2, 3};
-}
-
-std::vector<uint32_t> concatenation(OpGraph& g, int32_t axis) {
-    std::vector<uint32_t> first = {1, 2, 2, 3};
-    std::vector<uint32_t> second = first;
-    std::vector<uint32_t> expected = first;
-    if (axis >= 0 && axis < 4) {
-        second[axis] = 5;
-        expected[axis] += 5;
-    }
-    g.ins = {g.tensorInput(first), g.tensorInput(second), g.scalar(axis)};
-    g.outs = {g.tensorOutput({0, 0, 0, 0})};
-    return expected;
-}
-
-std::vector<uint32_t> reshape(OpGraph& g) {
-    g.ins = {g.tensorInput({1, 2, 3, 4}), g.int32Tensor({2}, {-1, 6})};
-    g.outs = {g.tensorOutput({0, 0})};
-    return {4, 6};
-}
-
-std::vector<uint32_t> resizeBilinear(OpGraph& g) {
-    g.ins = {g.tensorInput({1, 2, 2, 3}), g.scalar(4), g.scalar(5)};  // width 4, height 5
-    g.outs = {g.tensorOutput({0, 0, 0, 0})};
-    return {1, 5, 4, 3};
-}
-
 std::vector<uint32_t> canonical(OpGraph& g, Form form, int32_t act) {
+    const std::vector<uint32_t> unknown4 = {0, 0, 0, 0};
     switch (g.type) {
-        case OperationType::CONV_2D:
-            return conv2d(g, form, act);
-        case OperationType::DEPTHWISE_CONV_2D:
-            return depthwiseConv2d(g, form, act);
-        case OperationType::FULLY_CONNECTED:
-            return fullyConnected(g, act);
-        case OperationType::ADD:
-        case OperationType::SUB:
-        case OperationType::MUL:
-            return elementWise(g, act);
-        case OperationType::AVERAGE_POOL_2D:
-        case OperationType::MAX_POOL_2D:
-        case OperationType::L2_POOL_2D:
-            return pool2d(g, form, act);
-        case OperationType::CONCATENATION:
-            return concatenation(g);
-        case OperationType::RESHAPE:
-            return reshape(g);
-        case OperationType::RESIZE_BILINEAR:
-            return resizeBilinear(g);
-        default:
-            return activation(g);
+        case OT::CONV_2D:
+        case OT::DEPTHWISE_CONV_2D:
+        case OT::AVERAGE_POOL_2D:
+        case OT::MAX_POOL_2D:
+        case OT::L2_POOL_2D:
+            return window(g, form, act);
+        case OT::FULLY_CONNECTED:
+            g.ins = {g.tensorInput({2, 6}), g.tensorConstant({3, 6}), g.biasConstant({3}, 0.25f), g.scalar(act)};
+            g.outs = {g.tensorOutput({0, 0})};
+            return {2, 3};
+        case OT::ADD:
+        case OT::SUB:
+        case OT::MUL:
+            g.ins = {g.tensorInput({1, 2, 2, 3}), g.tensorInput({1, 2, 2, 3}), g.scalar(act)};
+            g.outs = {g.tensorOutput(unknown4)};
+            return {1, 2, 2, 3};
+        case OT::CONCATENATION:
+            g.ins = {g.tensorInput({1, 2, 2, 3}), g.tensorInput({1, 2, 2, 5}), g.scalar(3)};
+            g.outs = {g.tensorOutput(unknown4)};
+            return {1, 2, 2, 8};
+        case OT::RESHAPE:
+            g.ins = {g.tensorInput({1, 2, 3, 4}), g.int32Tensor({2}, {-1, 6})};
+            g.outs = {g.tensorOutput({0, 0})};
+            return {4, 6};
+        case OT::RESIZE_BILINEAR:
+            g.ins = {g.tensorInput({1, 2, 2, 3}), g.scalar(4), g.scalar(5)};  // width 4, height 5
+            g.outs = {g.tensorOutput(unknown4)};
+            return {1, 5, 4, 3};
+        case OT::DEQUANTIZE:
+            g.ins = {g.tensorInput({1, 2, 2, 3})};
+            g.outs = {g.tensorOutput(unknown4)};
+            g.setType(g.ins[0], OperandType::TENSOR_QUANT8);
+            g.setType(g.outs[0], OperandType::TENSOR_FP32);
+            return {1, 2, 2, 3};
+        case OT::LOCAL_RESPONSE_NORMALIZATION:
+            g.ins = {g.tensorInput({1, 2, 2, 3}), g.scalar(1), g.scalar(1), g.scalar(1), g.scalar(1)};
+            g.outs = {g.tensorOutput(unknown4)};
+            return {1, 2, 2, 3};
+        case OT::SQUEEZE:
+            g.ins = {g.tensorInput({1, 2, 1, 3}), g.int32Tensor({1}, {2})};
+            g.outs = {g.tensorOutput({0, 0, 0})};
+            return {1, 2, 3};
+        case OT::PAD:
+            g.ins = {g.tensorInput({1, 2, 2, 3}), g.int32Tensor({4, 2}, {0, 0, 1, 1, 2, 2, 0, 0})};
+            g.outs = {g.tensorOutput({1, 4, 6, 3})};
+            return {1, 4, 6, 3};
+        case OT::TRANSPOSE:
+            g.ins = {g.tensorInput({1, 2, 3, 4}), g.int32Tensor({4}, {0, 2, 1, 3})};
+            g.outs = {g.tensorOutput({1, 3, 2, 4})};
+            return {1, 3, 2, 4};
+        case OT::SPACE_TO_DEPTH:
+            g.ins = {g.tensorInput({1, 4, 4, 2}), g.scalar(2)};
+            g.outs = {g.tensorOutput(unknown4)};
+            return {1, 2, 2, 8};
+        case OT::BATCH_TO_SPACE_ND:
+            g.ins = {g.tensorInput({4, 2, 2, 3}), g.int32Tensor({2}, {2, 2})};
+            g.outs = {g.tensorOutput(unknown4)};
+            return {1, 4, 4, 3};
+        case OT::SPACE_TO_BATCH_ND:
+            g.ins = {g.tensorInput({1, 4, 4, 3}), g.int32Tensor({2}, {2, 2}), g.int32Tensor({2, 2}, {0, 0, 0, 0})};
+            g.outs = {g.tensorOutput(unknown4)};
+            return {4, 2, 2, 3};
+        case OT::OEM_LSTM:
+            g.ins = {g.tensorInput({1, 8}),        g.tensorInput({1, 4}), g.tensorInput({1, 4}), g.tensorConstant({16, 12}),
+                     g.int32Tensor({16}, std::vector<int32_t>(16, 0)), g.tensorInput({1, 8})};
+            g.outs = {g.tensorOutput({1, 4}), g.tensorOutput({1, 8}), g.tensorOutput({1, 4}), g.tensorOutput({1, 8})};
+            return {1, 4};  // not inferred: the declared shape stays
+        case OT::OEM_SPLIT:
+            g.ins = {g.scalar(3), g.tensorInput({1, 1, 1, 4}), g.scalar(2), g.scalar(0)};
+            g.outs = {g.tensorOutput({1, 1, 1, 2}), g.tensorOutput({1, 1, 1, 2})};
+            return {1, 1, 1, 2};
+        default:  // activations: one input, two for PRELU (alpha) and SOFTMAX (beta)
+            g.ins = {g.tensorInput({1, 2, 2, 3})};
+            if (g.type == OT::PRELU) g.ins.push_back(g.tensorConstant({3}));
+            if (g.type == OT::SOFTMAX) g.ins.push_back(g.scalar(1));
+            g.outs = {g.tensorOutput(unknown4)};
+            return {1, 2, 2, 3};
     }
-}
-
-std::string stripped(const std::string& line) {
-    const std::string rest = zeltest::afterLocation(line);
-    return rest.empty() ? line : rest;
 }
 
 std::vector<std::string> errorTexts(const zeltest::LogCapture& log) {
     std::vector<std::string> texts = log.errors();
-    std::transform(texts.begin(), texts.end(), texts.begin(), stripped);
+    for (std::string& text : texts) {
+        const std::string rest = zeltest::afterLocation(text);
+        if (!rest.empty()) text = rest;
+    }
     return texts;
 }
 

@@ -1,10 +1,10 @@
-// The accelerator and the executor as classes, on the simulator: identity,
-// support answers, executor creation and the execute paths with their log
-// lines.
+// The accelerator and the executor as classes, on the simulator: support
+// answers, executor creation and the execute paths with their statuses and
+// log lines. Identity and the built library are covered through dlopen in
+// tests/frontend.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -21,7 +21,6 @@ using arv::nnhal::AcceleratorCapability;
 using arv::nnhal::CreateExecutorResult;
 using arv::nnhal::ExecuteResult;
 using arv::nnhal::ExecutionPerformance;
-using arv::nnhal::IAccelerator;
 using arv::nnhal::OperationType;
 using arv::nnhal::Status;
 using arv::nnhal::host::HostAcceleratorContext;
@@ -32,7 +31,6 @@ using arv::nnhal::host::IoBuffers;
 using arv::nnhal::host::Lifetime;
 using foundation::withoutWorkerLines;
 using testing::ElementsAre;
-using testing::IsEmpty;
 using zel::Controller;
 using zel::ZelAccelerator;
 using zel::ZelExecutor;
@@ -59,6 +57,13 @@ struct ReluGraph {
     }
 };
 
+// Simulator faults of one case: the nth call of an entry point fails.
+struct Fault {
+    const char* entry;
+    unsigned nth;
+};
+const int kWrongVersion = 0x20101;
+
 class FrontEnd : public testing::Test {
 protected:
     void SetUp() override {
@@ -69,59 +74,40 @@ protected:
         zelsim::reset();
         Controller::getInstance()->resetNnLib();
     }
+    static void inject(const std::vector<Fault>& faults, bool wrongVersion) {
+        for (const Fault& f : faults) zelsim::failCall(f.entry, f.nth, -1);
+        if (wrongVersion) zelsim::setVersion(kWrongVersion);
+    }
 
     HostAcceleratorContext mContext;
     ZelAccelerator mAccelerator{&mContext};
 };
 
-// --- identity ------------------------------------------------------------------
-
-struct CapabilityCase {
-    int32_t value;
-    bool supported;
-};
-
-class Capability : public FrontEnd, public testing::WithParamInterface<CapabilityCase> {};
-
-TEST_P(Capability, OnlyTheQuantizedCapabilitiesAreClaimed) {
-    EXPECT_EQ(mAccelerator.getCapability(static_cast<AcceleratorCapability>(GetParam().value)), GetParam().supported);
-}
-
-INSTANTIATE_TEST_SUITE_P(Values, Capability,
-                         testing::Values(CapabilityCase{0, false}, CapabilityCase{1, false}, CapabilityCase{2, true},
-                                         CapabilityCase{3, true}, CapabilityCase{4, false},
-                                         CapabilityCase{5, false}, CapabilityCase{6, false},
-                                         CapabilityCase{7, false}, CapabilityCase{1000, false},
-                                         CapabilityCase{-1, false}, CapabilityCase{-2, false}),
-                         [](const testing::TestParamInfo<CapabilityCase>& info) {
-                             return (info.param.value < 0 ? "minus" : "v") +
-                                    std::to_string(info.param.value < 0 ? -info.param.value : info.param.value);
-                         });
-
-TEST_F(FrontEnd, IdentifierIsOneStablePointer) {
-    const char* first = mAccelerator.getUniqueIdentifier();
-    EXPECT_STREQ(first, "zel");
-    EXPECT_EQ(mAccelerator.getUniqueIdentifier(), first);
-    ZelAccelerator other(nullptr);
-    EXPECT_EQ(other.getUniqueIdentifier(), first);
-    EXPECT_EQ(mAccelerator.getVersion(), 0);
-}
-
-TEST_F(FrontEnd, FactoryGivesAnAcceleratorWhoseReleaseReloadsTheRuntime) {
-    zeltest::LogCapture log;
-    IAccelerator* accelerator = CreateAccelerator_zel(&mContext);
-    ASSERT_NE(accelerator, nullptr);
-    EXPECT_STREQ(accelerator->getUniqueIdentifier(), "zel");
-    EXPECT_THAT(withoutWorkerLines(log.texts()), IsEmpty());  // creation touches nothing
-    std::shared_ptr<zel::NnLib> before = Controller::getInstance()->getNnLib();
-    accelerator->release();
-    EXPECT_EQ(log.count("NnLib reset !!!"), 1u);
-    EXPECT_FALSE(before->isLoaded());
-    EXPECT_NE(Controller::getInstance()->getNnLib(), before);
-    EXPECT_TRUE(zel::isZelAvailable());
+TEST_F(FrontEnd, OnlyTheQuantizedCapabilitiesAreClaimed) {
+    for (int32_t value : {-1, 0, 1, 2, 3, 4, 7, 1000}) {
+        EXPECT_EQ(mAccelerator.getCapability(static_cast<AcceleratorCapability>(value)), value == 2 || value == 3)
+            << value;
+    }
 }
 
 // --- support query -------------------------------------------------------------
+
+TEST_F(FrontEnd, SupportQueryReportsEveryOperation) {
+    ReluGraph relu;
+    const uint32_t out2 = relu.graph.addQuant8({1, 2, 2, 1}, 0.5f, 10, Lifetime::Internal);
+    relu.graph.addOperation(OperationType::LSH_PROJECTION, {relu.graph.getInput(0)}, {out2});
+    HostSupportQuery query(2);
+    zeltest::LogCapture log;
+    mAccelerator.isGraphSupported(&relu.graph, &query);
+    EXPECT_THAT(query.levels(), ElementsAre(0, 1));
+    const auto texts = withoutWorkerLines(log.texts());
+    EXPECT_EQ(texts.front(), "In ZelAccelerator::isGraphSupported()");
+    EXPECT_EQ(log.count("Total number of operations: 2"), 1u);
+    EXPECT_EQ(log.count("operation id: 0"), 1u);
+    EXPECT_EQ(log.count("operation id: 1"), 1u);
+    EXPECT_EQ(texts.back(), "Out ZelAccelerator::isGraphSupported()");
+    EXPECT_EQ(log.startingWith("In isZelAvailable()").size(), 0u) << "a query does not probe the runtime";
+}
 
 TEST_F(FrontEnd, SupportQueryOfAnEmptyGraph) {
     HostGraph graph;
@@ -129,26 +115,7 @@ TEST_F(FrontEnd, SupportQueryOfAnEmptyGraph) {
     zeltest::LogCapture log;
     mAccelerator.isGraphSupported(&graph, &query);
     EXPECT_EQ(query.calls(), 0u);
-    const auto texts = withoutWorkerLines(log.texts());
-    ASSERT_FALSE(texts.empty());
-    EXPECT_EQ(texts.front(), "In ZelAccelerator::isGraphSupported()");
     EXPECT_EQ(log.count("Total number of operations: 0"), 1u);
-    EXPECT_EQ(texts.back(), "Out ZelAccelerator::isGraphSupported()");
-    EXPECT_EQ(log.startingWith("In isZelAvailable()").size(), 0u);
-}
-
-TEST_F(FrontEnd, SupportQueryReportsEveryOperation) {
-    ReluGraph relu;
-    const uint32_t in = relu.graph.getInput(0);
-    const uint32_t out2 = relu.graph.addQuant8({1, 2, 2, 1}, 0.5f, 10, Lifetime::Internal);
-    relu.graph.addOperation(OperationType::LSH_PROJECTION, {in}, {out2});
-    HostSupportQuery query(2);
-    zeltest::LogCapture log;
-    mAccelerator.isGraphSupported(&relu.graph, &query);
-    EXPECT_THAT(query.levels(), ElementsAre(0, 1));
-    EXPECT_EQ(log.count("Total number of operations: 2"), 1u);
-    EXPECT_EQ(log.count("operation id: 0"), 1u);
-    EXPECT_EQ(log.count("operation id: 1"), 1u);
     EXPECT_EQ(log.count("Out ZelAccelerator::isGraphSupported()"), 1u);
 }
 
@@ -166,7 +133,7 @@ TEST_F(FrontEnd, SupportQueryOfAnUnreadableGraphAnswersNothing) {
 
 // --- executor creation -----------------------------------------------------------
 
-TEST_F(FrontEnd, CreateGivesAPreparedExecutor) {
+TEST_F(FrontEnd, CreateGivesAPreparedExecutorThatReleaseTearsDown) {
     ReluGraph relu;
     HostExecutorContext context(ExecutionPerformance::LOW_POWER);
     zeltest::LogCapture log;
@@ -175,66 +142,67 @@ TEST_F(FrontEnd, CreateGivesAPreparedExecutor) {
     ASSERT_NE(result.executor, nullptr);
     auto* executor = static_cast<ZelExecutor*>(result.executor);
     EXPECT_EQ(executor->performance(), ExecutionPerformance::LOW_POWER);
-    EXPECT_NE(executor->graphId(), 0u);
-    EXPECT_EQ(static_cast<int>(executor->graphId()), zelsim::lastGraphId());
-    EXPECT_TRUE(zelsim::graphPrepared(zelsim::lastGraphId()));
-    EXPECT_EQ(log.count("In ZelExecutor::create()"), 1u);
-    EXPECT_EQ(log.count("Out ZelExecutor::create()"), 1u);
-    EXPECT_EQ(withoutWorkerLines(log.texts()).back(), "Out ZelAccelerator::createGraphExecutor()");
-
-    // Release tears the runtime graph down.
     const int graphId = zelsim::lastGraphId();
+    EXPECT_EQ(static_cast<int>(executor->graphId()), graphId);
+    EXPECT_TRUE(zelsim::graphPrepared(graphId));
+    EXPECT_EQ(withoutWorkerLines(log.texts()).back(), "Out ZelAccelerator::createGraphExecutor()");
     result.executor->release();
     EXPECT_FALSE(zelsim::graphExists(graphId));
+
+    ZelExecutor* noContext = ZelExecutor::create(&relu.graph, nullptr);
+    ASSERT_NE(noContext, nullptr);
+    EXPECT_EQ(noContext->performance(), ExecutionPerformance::SUSTAINED_SPEED);
+    noContext->release();
 }
 
-TEST_F(FrontEnd, CreateWithoutContextUsesSustainedSpeed) {
-    ReluGraph relu;
-    ZelExecutor* executor = ZelExecutor::create(&relu.graph, nullptr);
-    ASSERT_NE(executor, nullptr);
-    EXPECT_EQ(executor->performance(), ExecutionPerformance::SUSTAINED_SPEED);
-    executor->release();
-}
+struct CreateCase {
+    const char* name;
+    std::vector<Fault> faults;
+    bool wrongVersion;
+    Status status;
+    size_t executorCreates;  // "Out ZelExecutor::create()" lines
+    bool outLine;            // "Out ZelAccelerator::createGraphExecutor()" logged
+};
 
-TEST_F(FrontEnd, UnavailableRuntimeGivesStatusSevenWithoutAnExecutor) {
-    zelsim::setVersion(0x20101);
-    ReluGraph relu;
-    zeltest::LogCapture log;
-    const CreateExecutorResult result = mAccelerator.createGraphExecutor(&relu.graph, nullptr);
-    EXPECT_EQ(result.status, Status::ACCELERATOR_UNAVAILABLE);
-    EXPECT_EQ(result.executor, nullptr);
-    EXPECT_EQ(log.count("In ZelExecutor::create()"), 0u);
-    EXPECT_EQ(log.count("Out ZelAccelerator::createGraphExecutor()"), 0u);
-    EXPECT_EQ(zelsim::callCount("init"), 0);
-}
+class CreateFailure : public FrontEnd, public testing::WithParamInterface<CreateCase> {};
 
-TEST_F(FrontEnd, RefusedGraphOnAHealthyRuntimeGivesStatusOne) {
-    zelsim::failCall("prepare", 1, -1);
+TEST_P(CreateFailure, GivesItsStatusWithoutAnExecutor) {
+    const CreateCase& c = GetParam();
+    inject(c.faults, c.wrongVersion);
     ReluGraph relu;
     zeltest::LogCapture log;
     const CreateExecutorResult result = mAccelerator.createGraphExecutor(&relu.graph, nullptr);
-    EXPECT_EQ(result.status, Status::GENERAL_FAILURE);
+    EXPECT_EQ(result.status, c.status);
     EXPECT_EQ(result.executor, nullptr);
-    EXPECT_EQ(log.count("Out ZelExecutor::create()"), 1u);
-    EXPECT_EQ(log.count("In Controller::heartBeat()"), 2u);  // probed again after the failure
-    EXPECT_EQ(withoutWorkerLines(log.texts()).back(), "Out ZelAccelerator::createGraphExecutor()");
+    EXPECT_EQ(log.count("Out ZelExecutor::create()"), c.executorCreates);
+    EXPECT_EQ(log.count("Out ZelAccelerator::createGraphExecutor()"), c.outLine ? 1u : 0u);
+    EXPECT_EQ(log.count("In Controller::heartBeat()"), c.executorCreates + 1) << "probed again after a failure";
+    EXPECT_EQ(zelsim::callCount("init") > 0, c.executorCreates > 0);
+    EXPECT_EQ(zelsim::liveGraphs(), 0) << "a failed graph is torn down";
 }
 
-TEST_F(FrontEnd, RuntimeLostDuringTheBuildGivesStatusSeven) {
-    zelsim::failCall("prepare", 1, -1);
-    zelsim::failCall("version", 2, -1);  // the second probe
-    ReluGraph relu;
-    zeltest::LogCapture log;
-    const CreateExecutorResult result = mAccelerator.createGraphExecutor(&relu.graph, nullptr);
-    EXPECT_EQ(result.status, Status::ACCELERATOR_UNAVAILABLE);
-    EXPECT_EQ(result.executor, nullptr);
-    EXPECT_EQ(log.count("Out ZelExecutor::create()"), 1u);
-    EXPECT_EQ(log.count("Out ZelAccelerator::createGraphExecutor()"), 0u);
-}
+INSTANTIATE_TEST_SUITE_P(
+    Faults, CreateFailure,
+    testing::Values(
+        // Unavailable before the build: nothing reaches the runtime.
+        CreateCase{"RuntimeUnavailable", {}, true, Status::ACCELERATOR_UNAVAILABLE, 0, false},
+        // Refused on a healthy runtime (probed again after the failure).
+        CreateCase{"PrepareRefused", {{"prepare", 1}}, false, Status::GENERAL_FAILURE, 1, true},
+        CreateCase{"RuntimeLostDuringTheBuild", {{"prepare", 1}, {"version", 2}}, false,
+                   Status::ACCELERATOR_UNAVAILABLE, 1, false}),
+    [](const testing::TestParamInfo<CreateCase>& info) { return std::string(info.param.name); });
 
 // --- execution -------------------------------------------------------------------------
 
-class Execution : public FrontEnd {
+struct ExecuteCase {
+    const char* name;
+    std::vector<Fault> faults;
+    bool wrongVersion;
+    Status status;
+    std::vector<std::string> lines;  // the executor's own lines
+};
+
+class WithExecutor : public FrontEnd {
 protected:
     void SetUp() override {
         FrontEnd::SetUp();
@@ -246,76 +214,57 @@ protected:
         FrontEnd::TearDown();
     }
 
-    // The executor's own lines, without the probe's and the model's.
-    std::vector<std::string> executorLines(const zeltest::LogCapture& log) {
-        std::vector<std::string> kept;
-        for (const auto& text : log.texts()) {
-            if (text.find("ZelExecutor::execute()") != std::string::npos ||
-                text.rfind("model->execute(mGraph)", 0) == 0) {
-                kept.push_back(text);
-            }
-        }
-        return kept;
-    }
-
     ReluGraph mRelu;
     ZelExecutor* mExecutor = nullptr;
 };
 
-TEST_F(Execution, SuccessWritesTheOutputs) {
+class Execution : public WithExecutor, public testing::WithParamInterface<ExecuteCase> {};
+
+TEST_P(Execution, ReportsItsStatusAndLines) {
+    const ExecuteCase& c = GetParam();
+    inject(c.faults, c.wrongVersion);
     zeltest::LogCapture log;
     std::vector<uint8_t> output;
     const ExecuteResult result = mRelu.run(*mExecutor, &output);
-    EXPECT_EQ(result.status, Status::SUCCESS);
+    EXPECT_EQ(result.status, c.status);
     EXPECT_EQ(result.reserved, 0);
-    // RELU at zero point 10: values below it clamp to it.
-    EXPECT_THAT(output, ElementsAre(10, 10, 10, 200));
-    EXPECT_THAT(executorLines(log), ElementsAre("In ZelExecutor::execute()", "model->execute(mGraph) finished.",
-                                                "Out ZelExecutor::execute()"));
-    EXPECT_THAT(log.errors(), IsEmpty());
+    std::vector<std::string> lines;
+    for (const auto& text : log.texts()) {
+        if (text.find("ZelExecutor::execute()") != std::string::npos || text.rfind("model->execute(mGraph)", 0) == 0) {
+            lines.push_back(text);
+        }
+    }
+    EXPECT_EQ(lines, c.lines);
+    const bool failed = c.lines.size() > 1 && c.lines[1] != "model->execute(mGraph) finished.";
+    EXPECT_EQ(log.errors(), failed ? std::vector<std::string>{c.lines[1]} : std::vector<std::string>{});
+    if (c.status == Status::SUCCESS) {
+        EXPECT_THAT(output, ElementsAre(10, 10, 10, 200)) << "RELU at zero point 10";
+    }
+    if (c.status == Status::GENERAL_FAILURE) {
+        EXPECT_EQ(mRelu.run(*mExecutor).status, Status::SUCCESS) << "the executor keeps working";
+    }
 }
 
-TEST_F(Execution, RuntimeGoneBeforeTheCall) {
-    zelsim::setVersion(0x20101);
-    zeltest::LogCapture log;
-    const ExecuteResult result = mRelu.run(*mExecutor);
-    EXPECT_EQ(result.status, Status::ACCELERATOR_UNAVAILABLE);
-    EXPECT_EQ(result.reserved, 0);
-    EXPECT_THAT(executorLines(log), ElementsAre("In ZelExecutor::execute()"));
-    EXPECT_EQ(zelsim::callCount("execute_new"), 0);
-    EXPECT_THAT(log.errors(), IsEmpty());
-}
+const std::vector<std::string> kFinished = {"In ZelExecutor::execute()", "model->execute(mGraph) finished.",
+                                            "Out ZelExecutor::execute()"};
 
-TEST_F(Execution, FailureWithAHealthyRuntimeStillSaysFinished) {
-    zelsim::failCall("execute_new", 1, -1);
-    zeltest::LogCapture log;
-    const ExecuteResult result = mRelu.run(*mExecutor);
-    EXPECT_EQ(result.status, Status::GENERAL_FAILURE);
-    EXPECT_EQ(result.reserved, 0);
-    EXPECT_THAT(executorLines(log), ElementsAre("In ZelExecutor::execute()", "model->execute(mGraph) finished.",
-                                                "Out ZelExecutor::execute()"));
-    EXPECT_EQ(log.count("In Controller::heartBeat()"), 2u);
-    // The executor keeps working.
-    EXPECT_EQ(mRelu.run(*mExecutor).status, Status::SUCCESS);
-}
+INSTANTIATE_TEST_SUITE_P(
+    Faults, Execution,
+    testing::Values(ExecuteCase{"Success", {}, false, Status::SUCCESS, kFinished},
+                    ExecuteCase{"RuntimeGoneBeforeTheCall", {}, true, Status::ACCELERATOR_UNAVAILABLE,
+                                {"In ZelExecutor::execute()"}},
+                    // A failure on a healthy runtime still says "finished".
+                    ExecuteCase{"FailureOnAHealthyRuntime", {{"execute_new", 1}}, false, Status::GENERAL_FAILURE,
+                                kFinished},
+                    ExecuteCase{"RuntimeGoneAfterTheFailure",
+                                {{"execute_new", 1}, {"version", 2}},
+                                false,
+                                Status::ACCELERATOR_UNAVAILABLE,
+                                {"In ZelExecutor::execute()", "model->execute(mGraph) failed, error code: 7",
+                                 "Out ZelExecutor::execute()"}}),
+    [](const testing::TestParamInfo<ExecuteCase>& info) { return std::string(info.param.name); });
 
-TEST_F(Execution, RuntimeGoneAfterTheFailure) {
-    zelsim::failCall("execute_new", 1, -1);
-    zelsim::failCall("version", 2, -1);  // the probe after the failed execution
-    zeltest::LogCapture log;
-    const ExecuteResult result = mRelu.run(*mExecutor);
-    EXPECT_EQ(result.status, Status::ACCELERATOR_UNAVAILABLE);
-    EXPECT_EQ(result.reserved, 0);
-    EXPECT_THAT(executorLines(log), ElementsAre("In ZelExecutor::execute()",
-                                                "model->execute(mGraph) failed, error code: 7",
-                                                "Out ZelExecutor::execute()"));
-    EXPECT_EQ(log.count("model->execute(mGraph) failed, error code: 7"), 1u);
-    const auto errors = log.errors();
-    ASSERT_FALSE(errors.empty());
-    EXPECT_EQ(errors.back(), "model->execute(mGraph) failed, error code: 7");
-}
-
-TEST_F(Execution, ExecutorBuiltBeforeAResetReportsFailure) {
+TEST_F(WithExecutor, ExecutorBuiltBeforeAResetReportsFailure) {
     ASSERT_TRUE(Controller::getInstance()->resetNnLib());
     // The new binding is healthy; the executor's model still holds the old,
     // emptied one.

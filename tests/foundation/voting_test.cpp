@@ -9,7 +9,6 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
-#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -98,19 +97,6 @@ protected:
     size_t mMarkers = 0;
 };
 
-TEST_F(Voting, SecondUpVoteOfAnotherTokenIsNotAppliedAgain) {
-    const uint64_t a = mLib->generateVotingToken();
-    const uint64_t b = mLib->generateVotingToken();
-    voteAndSettle(a, VotingThread::UP);
-    EXPECT_EQ(votes(VotingThread::UP), 1u);
-    voteAndSettle(b, VotingThread::UP);
-    EXPECT_EQ(votes(VotingThread::UP), 1u);
-    EXPECT_EQ(votes(VotingThread::DOWN), 0u);
-    EXPECT_EQ(thread()->tokenCount(a), 1);
-    EXPECT_EQ(thread()->tokenCount(b), 1);
-    EXPECT_EQ(thread()->queueSize(), 2u);  // one pending timeout per token
-}
-
 TEST_F(Voting, DownVoteIsAppliedAfterTheReleaseDelay) {
     const uint64_t a = mLib->generateVotingToken();
     voteAndSettle(a, VotingThread::UP);
@@ -133,6 +119,8 @@ TEST_F(Voting, PowerGoesDownOnlyWhenTheLastUpVoteIsGivenBack) {
     const uint64_t b = mLib->generateVotingToken();
     voteAndSettle(a, VotingThread::UP);
     voteAndSettle(b, VotingThread::UP);
+    EXPECT_EQ(votes(VotingThread::UP), 1u) << "the second up vote is not applied again";
+    EXPECT_EQ(thread()->queueSize(), 2u);  // one pending timeout per token
     voteAndSettle(a, VotingThread::DOWN);
     advance(seconds(5));
     EXPECT_EQ(votes(VotingThread::DOWN), 0u);
@@ -284,20 +272,16 @@ TEST_F(Voting, TokensAreUniqueAcrossBindings) {
     VotingThread::Delays delays;
     delays.clock = [this] { return mClock.now(); };
     NnLib other(delays);
-    std::set<uint64_t> seen;
     uint64_t last = 0;
-    for (int i = 0; i < 10; ++i) {
+    for (int i = 0; i < 4; ++i) {
         for (NnLib* lib : {mLib.get(), &other}) {
             const uint64_t token = lib->generateVotingToken();
-            EXPECT_NE(token, 0u);
             EXPECT_GT(token, last);
             last = token;
-            seen.insert(token);
         }
     }
-    EXPECT_EQ(seen.size(), 20u);
-    EXPECT_EQ(thread()->tokenTotal(), 10u);
-    EXPECT_EQ(other.votingThread()->tokenTotal(), 10u);
+    EXPECT_EQ(thread()->tokenTotal(), 4u);
+    EXPECT_EQ(other.votingThread()->tokenTotal(), 4u);
 }
 
 TEST_F(Voting, WorkerStartsOnceAndSaysGoodbye) {

@@ -1,6 +1,8 @@
 // Output shapes of the layout operations (block moves, lookups, padding,
 // squeeze, transpose, mean, strided slice). Passing cases follow the public
-// conformance graphs of each operation.
+// conformance graphs of each operation; refusals keep the rules whose
+// arithmetic can go wrong (wrapping products, negative and out-of-range
+// values, missing data).
 #include "arith_test_util.h"
 
 namespace {
@@ -24,43 +26,18 @@ TEST(BlockShape, DepthToSpaceAndBack) {
     ASSERT_TRUE(spaceToDepthPrepare(q8({1, 4, 4, 1}), 2, &out));
     EXPECT_EQ(out.dimensions, (Dims{1, 2, 2, 4}));
 
-    expectRefusal("getNumberOfDimensions(input) == 4", [](Shape* o) { return depthToSpacePrepare(q8({8}), 2, o); });
-    expectRefusal("blockSize > 0", [](Shape* o) { return depthToSpacePrepare(q8({1, 1, 1, 8}), 0, o); });
-    expectRefusal("channels % (blockSize * blockSize) == 0", [](Shape* o) {
-        return depthToSpacePrepare(q8({1, 1, 1, 8}), 3, o);
-    });
     // 65536^2 does not fit 32 bits: still a plain refusal.
-    expectRefusal("channels % (blockSize * blockSize) == 0", [](Shape* o) {
-        return depthToSpacePrepare(q8({1, 1, 1, 8}), 65536, o);
-    });
+    expectRefusal("channels % (blockSize * blockSize) == 0",
+                  [](Shape* o) { return depthToSpacePrepare(q8({1, 1, 1, 8}), 65536, o); });
     expectRefusal("blockSize > 0", [](Shape* o) { return spaceToDepthPrepare(q8({1, 4, 4, 1}), -2, o); });
-    expectRefusal("height % blockSize == 0", [](Shape* o) { return spaceToDepthPrepare(q8({1, 3, 4, 1}), 2, o); });
     expectRefusal("width % blockSize == 0", [](Shape* o) { return spaceToDepthPrepare(q8({1, 4, 6, 1}), 4, o); });
 }
 
-TEST(BlockShape, BatchToSpace) {
+TEST(BlockShape, BatchToSpaceAndBack) {
     const int32_t block[] = {2, 2};
     Shape out;
     ASSERT_TRUE(batchToSpacePrepare(q8({4, 2, 2, 1}), block, i32({2}), &out));
     EXPECT_EQ(out.dimensions, (Dims{1, 4, 4, 1}));
-
-    const int32_t uneven[] = {3, 1};
-    const int32_t zero[] = {0, 2};
-    expectRefusal("getSizeOfDimension(blockSizeShape, 0) == 2", [&](Shape* o) {
-        return batchToSpacePrepare(q8({4, 2, 2, 1}), block, i32({3}), o);
-    });
-    expectRefusal("batches % (blockSizeData[0] * blockSizeData[1]) == 0", [&](Shape* o) {
-        return batchToSpacePrepare(q8({4, 2, 2, 1}), uneven, i32({2}), o);
-    });
-    expectRefusal("blockSizeData[0] >= 1 && blockSizeData[1] >= 1", [&](Shape* o) {
-        return batchToSpacePrepare(q8({4, 2, 2, 1}), zero, i32({2}), o);
-    });
-    expectRefusal("blockSizeValues != nullptr", [&](Shape* o) {
-        return batchToSpacePrepare(q8({4, 2, 2, 1}), nullptr, i32({2}), o);
-    });
-}
-
-TEST(BlockShape, SpaceToBatch) {
     const struct {
         Dims input;
         int32_t block[2];
@@ -72,22 +49,24 @@ TEST(BlockShape, SpaceToBatch) {
         {{1, 4, 2, 1}, {3, 2}, {1, 1, 2, 4}, {6, 2, 4, 1}},
     };
     for (const auto& c : cases) {
-        Shape out;
         ASSERT_TRUE(spaceToBatchPrepare(q8(c.input), c.block, i32({2}), c.paddings, i32({2, 2}), &out));
         EXPECT_EQ(out.dimensions, c.expected);
     }
-    const int32_t block[] = {4, 2};
+
+    const int32_t zero[] = {0, 2};
+    const int32_t tall[] = {4, 2};
     const int32_t pads[] = {1, 0, 2, 0};
     const int32_t negative[] = {-1, 0, 0, 0};
+    expectRefusal("blockSizeData[0] >= 1 && blockSizeData[1] >= 1",
+                  [&](Shape* o) { return batchToSpacePrepare(q8({4, 2, 2, 1}), zero, i32({2}), o); });
+    expectRefusal("blockSizeValues != nullptr",
+                  [&](Shape* o) { return batchToSpacePrepare(q8({4, 2, 2, 1}), nullptr, i32({2}), o); });
     expectRefusal("paddedHeight % blockSizeData[0] == 0", [&](Shape* o) {
-        return spaceToBatchPrepare(q8({1, 5, 2, 1}), block, i32({2}), pads, i32({2, 2}), o);
-    });
-    expectRefusal("getSizeOfDimension(paddingsShape, 1) == 2", [&](Shape* o) {
-        return spaceToBatchPrepare(q8({1, 5, 2, 1}), block, i32({2}), pads, i32({2, 1}), o);
+        return spaceToBatchPrepare(q8({1, 5, 2, 1}), tall, i32({2}), pads, i32({2, 2}), o);
     });
     expectRefusal("paddingsData[0] >= 0 && paddingsData[1] >= 0 && paddingsData[2] >= 0 && paddingsData[3] >= 0",
                   [&](Shape* o) {
-                      return spaceToBatchPrepare(q8({1, 5, 2, 1}), block, i32({2}), negative, i32({2, 2}), o);
+                      return spaceToBatchPrepare(q8({1, 5, 2, 1}), tall, i32({2}), negative, i32({2, 2}), o);
                   });
 }
 
@@ -95,23 +74,15 @@ TEST(LookupShape, EmbeddingAndHashtable) {
     Shape out;
     ASSERT_TRUE(embeddingLookupPrepare(q8({10, 3, 2}), i32({4}), &out));
     EXPECT_EQ(out.dimensions, (Dims{4, 3, 2}));
-    EXPECT_EQ(out.type, OperandType::TENSOR_QUANT8);
-
     Shape hits = f32({});
     ASSERT_TRUE(hashtableLookupPrepare(i32({4}), i32({3}), q8({3, 2}), &out, &hits));
     EXPECT_EQ(out.dimensions, (Dims{4, 2}));
     EXPECT_EQ(hits.type, OperandType::TENSOR_QUANT8);
     EXPECT_EQ(hits.dimensions, (Dims{4}));
 
-    expectRefusal("getNumberOfDimensions(valueShape) >= 2",
-                  [](Shape* o) { return embeddingLookupPrepare(q8({10}), i32({4}), o); });
-    expectRefusal("getNumberOfDimensions(lookupShape) == 1", [](Shape* o) {
-        return embeddingLookupPrepare(q8({10, 3}), i32({4, 1}), o);
-    });
     Shape h = untouched();
-    expectRefusal("getNumberOfDimensions(keyShape) == 1", [&](Shape* o) {
-        return hashtableLookupPrepare(i32({4}), i32({3, 1}), q8({3, 2}), o, &h);
-    });
+    expectRefusal("getNumberOfDimensions(keyShape) == 1",
+                  [&](Shape* o) { return hashtableLookupPrepare(i32({4}), i32({3, 1}), q8({3, 2}), o, &h); });
     expectSameRecord(h, untouched());
 }
 
@@ -122,24 +93,15 @@ TEST(PadShape, AddsBothSides) {
     EXPECT_EQ(out.dimensions, (Dims{1, 4, 7, 1}));
 
     const int32_t negative[] = {0, 0, 0, 2, -1, 3, 0, 0};
-    expectRefusal("numInputDims == 4", [&](Shape* o) { return padPrepare(q8({3}), pads, i32({1, 2}), o); });
-    expectRefusal("getSizeOfDimension(paddingsShape, 0) == numInputDims", [&](Shape* o) {
-        return padPrepare(q8({1, 2, 3, 1}), pads, i32({3, 2}), o);
-    });
-    expectRefusal("beforePadding >= 0 && afterPadding >= 0", [&](Shape* o) {
-        return padPrepare(q8({1, 2, 3, 1}), negative, i32({4, 2}), o);
-    });
-    expectRefusal("paddingsData != nullptr", [&](Shape* o) {
-        return padPrepare(q8({1, 2, 3, 1}), nullptr, i32({4, 2}), o);
-    });
+    expectRefusal("beforePadding >= 0 && afterPadding >= 0",
+                  [&](Shape* o) { return padPrepare(q8({1, 2, 3, 1}), negative, i32({4, 2}), o); });
+    expectRefusal("paddingsData != nullptr",
+                  [&](Shape* o) { return padPrepare(q8({1, 2, 3, 1}), nullptr, i32({4, 2}), o); });
 }
 
 TEST(SqueezeShape, ListedOrAllUnitDimensions) {
-    const int32_t last[] = {2};
     const int32_t fromEnd[] = {-1};
     Shape out;
-    ASSERT_TRUE(squeezePrepare(q8({1, 24, 1}), last, i32({1}), &out));
-    EXPECT_EQ(out.dimensions, (Dims{1, 24}));
     ASSERT_TRUE(squeezePrepare(q8({1, 24, 1}), fromEnd, i32({1}), &out));
     EXPECT_EQ(out.dimensions, (Dims{1, 24}));
     ASSERT_TRUE(squeezePrepare(q8({1, 24, 1}), nullptr, i32({0}), &out));
@@ -147,14 +109,9 @@ TEST(SqueezeShape, ListedOrAllUnitDimensions) {
     ASSERT_TRUE(squeezePrepare(q8({1, 1}), nullptr, i32({0}), &out));
     EXPECT_EQ(out.dimensions, (Dims{1}));
 
-    const int32_t notUnit[] = {1};
     const int32_t outOfRange[] = {3};
-    const std::string rule = "current >= 0 && current < numInputDims && getSizeOfDimension(input, current) == 1";
-    expectRefusal(rule, [&](Shape* o) { return squeezePrepare(q8({1, 24, 1}), notUnit, i32({1}), o); });
-    expectRefusal(rule, [&](Shape* o) { return squeezePrepare(q8({1, 24, 1}), outOfRange, i32({1}), o); });
-    expectRefusal("squeezeDimsShape.type == OperandType::TENSOR_INT32", [&](Shape* o) {
-        return squeezePrepare(q8({1, 24, 1}), last, q8({1}), o);
-    });
+    expectRefusal("current >= 0 && current < numInputDims && getSizeOfDimension(input, current) == 1",
+                  [&](Shape* o) { return squeezePrepare(q8({1, 24, 1}), outOfRange, i32({1}), o); });
 }
 
 TEST(TransposeShape, PermutesDimensions) {
@@ -164,15 +121,8 @@ TEST(TransposeShape, PermutesDimensions) {
     EXPECT_EQ(out.dimensions, (Dims{4, 2, 3, 5}));
 
     const int32_t bad[] = {2, 0, 4, 1};
-    expectRefusal("permData[idx] >= 0 && permData[idx] < static_cast<int32_t>(numInputDims)", [&](Shape* o) {
-        return transposePrepare(q8({2, 3, 4, 5}), bad, i32({4}), o);
-    });
-    expectRefusal("numInputDims == getSizeOfDimension(permShape, 0)", [&](Shape* o) {
-        return transposePrepare(q8({2, 3, 4, 5}), perm, i32({3}), o);
-    });
-    expectRefusal("numInputDims <= 4", [&](Shape* o) {
-        return transposePrepare(q8({1, 2, 3, 4, 5}), perm, i32({5}), o);
-    });
+    expectRefusal("permData[idx] >= 0 && permData[idx] < static_cast<int32_t>(numInputDims)",
+                  [&](Shape* o) { return transposePrepare(q8({2, 3, 4, 5}), bad, i32({4}), o); });
 }
 
 TEST(MeanShape, ReducesOrKeepsAxes) {
@@ -192,12 +142,8 @@ TEST(MeanShape, ReducesOrKeepsAxes) {
         EXPECT_EQ(out.dimensions, c.expected);
     }
     const int32_t bad[] = {3};
-    expectRefusal("current >= 0 && current < numInputDims", [&](Shape* o) {
-        return meanPrepare(q8({4, 3, 2}), bad, i32({1}), true, o);
-    });
-    expectRefusal("getNumberOfDimensions(axisShape) == 1", [&](Shape* o) {
-        return meanPrepare(q8({4, 3, 2}), bad, i32({1, 1}), false, o);
-    });
+    expectRefusal("current >= 0 && current < numInputDims",
+                  [&](Shape* o) { return meanPrepare(q8({4, 3, 2}), bad, i32({1}), true, o); });
 }
 
 TEST(StridedSliceShape, BoundsMasksAndShrink) {
@@ -208,14 +154,12 @@ TEST(StridedSliceShape, BoundsMasksAndShrink) {
         Dims expected;
     } cases[] = {
         {{4}, {1}, {3}, {1}, 0, 0, 0, {2}},
-        {{4}, {-3}, {3}, {1}, 0, 0, 0, {2}},
-        {{4}, {-5}, {3}, {1}, 0, 0, 0, {3}},
+        {{4}, {-5}, {3}, {1}, 0, 0, 0, {3}},  // clamped to the start
         {{4}, {1}, {-2}, {1}, 0, 0, 0, {1}},
         {{4}, {1}, {3}, {1}, 1, 0, 0, {3}},
         {{4}, {1}, {3}, {1}, 0, 1, 0, {3}},
         {{3}, {-1}, {-4}, {-1}, 0, 0, 0, {3}},
         {{2, 3}, {1, -1}, {2, -4}, {2, -1}, 0, 0, 0, {1, 3}},
-        {{2, 3}, {1, 0}, {2, 2}, {1, 1}, 1, 0, 0, {2, 2}},
         {{2, 3}, {1, 0}, {2, 2}, {1, 1}, 0, 2, 0, {1, 3}},
         {{2, 3}, {0, 0}, {1, 3}, {1, 1}, 0, 0, 1, {3}},
     };
@@ -236,12 +180,6 @@ TEST(StridedSliceShape, BoundsMasksAndShrink) {
     });
     expectRefusal("dim != 0", [&](Shape* o) {
         return stridedSlicePrepare(q8({2, 3}), begin, i32({2}), end, i32({2}), unit, i32({2}), 0, 0, 0, o);
-    });
-    expectRefusal("getSizeOfDimension(endShape, 0) == numInputDims", [&](Shape* o) {
-        return stridedSlicePrepare(q8({2, 3}), begin, i32({2}), end, i32({3}), unit, i32({2}), 0, 0, 0, o);
-    });
-    expectRefusal("stridesShape.type == OperandType::TENSOR_INT32", [&](Shape* o) {
-        return stridedSlicePrepare(q8({2, 3}), begin, i32({2}), end, i32({2}), unit, q8({2}), 0, 0, 0, o);
     });
 }
 

@@ -69,7 +69,6 @@ TEST(ElementwiseShape, Refusals) {
     } cases[] = {
         {q8({2, 3}), q8({4, 3}), "Dimensions mismatch for BroadcastAdd"},
         {q8({1, 1, 1, 1, 2}), q8({2}), nnCheck("getNumberOfDimensions(in1) <= 4 && getNumberOfDimensions(in2) <= 4")},
-        {q8({2}), q8({1, 1, 1, 1, 2}), nnCheck("getNumberOfDimensions(in1) <= 4 && getNumberOfDimensions(in2) <= 4")},
         {q8({2, 3}), i32({2, 3}), nnCheck("in1.type == in2.type")},
     };
     for (const auto& c : cases) {
@@ -132,22 +131,12 @@ TEST(ConvShape, Refusals) {
              a.filter.type = OperandType::TENSOR_FP32;
          },
          "input.type == bias.type"},
-        {"input rank",
-         [](ConvArgs& a) {
-             a.input = q8({224, 224, 3});
-         },
-         "getNumberOfDimensions(input) == 4"},
         {"filter rank (before bias rank)",
          [](ConvArgs& a) {
              a.filter = q8({32, 3, 3});
              a.bias = i32({32, 1});
          },
          "getNumberOfDimensions(filter) == 4"},
-        {"bias rank",
-         [](ConvArgs& a) {
-             a.bias = i32({32, 1});
-         },
-         "getNumberOfDimensions(bias) == 1"},
         {"bias size", [](ConvArgs& a) { a.bias = i32({16}); },
          "getSizeOfDimension(filter, 0) == getSizeOfDimension(bias, 0)"},
         {"depth",
@@ -173,8 +162,6 @@ TEST(DepthwiseConvShape, OutputDepthIsFilterDepth) {
     expectSameRecord(out, q8({1, 8, 8, 4}, 0.0f));
 
     const ConvCase cases[] = {
-        {"filter type", [](ConvArgs& a) { a.filter.type = OperandType::TENSOR_INT32; }, "input.type == filter.type"},
-        {"bias rank", [](ConvArgs& a) { a.bias = i32({}); }, "getNumberOfDimensions(bias) == 1"},
         {"bias size", [](ConvArgs& a) { a.bias = i32({32}); },
          "getSizeOfDimension(filter, 3) == getSizeOfDimension(bias, 0)"},
     };
@@ -246,15 +233,12 @@ TEST(FullyConnectedShape, Refusals) {
         std::string line;
     } cases[] = {
         {"weights type", [](FcArgs& a) { a.weights.type = OperandType::TENSOR_FP32; }, "input.type == weights.type"},
-        {"quant8 bias", [](FcArgs& a) { a.bias.type = OperandType::TENSOR_FP32; },
-         "bias.type == OperandType::TENSOR_INT32"},
         {"float bias",
          [](FcArgs& a) {
              a.input.type = OperandType::TENSOR_FP32;
              a.weights.type = OperandType::TENSOR_FP32;
          },
          "input.type == bias.type"},
-        {"input rank", [](FcArgs& a) { a.input = q8({24}); }, "getNumberOfDimensions(input) >= 2"},
         {"no depth", [](FcArgs& a) { a.weights = q8({5}); }, "depth != 0"},
         {"units", [](FcArgs& a) { a.bias = i32({4}); }, "getSizeOfDimension(bias, 0) == num_units"},
         {"depth does not divide",
@@ -302,11 +286,6 @@ TEST(ConcatenationShape, Refusals) {
         {"negative axis", -1, [](std::vector<Shape>&, Shape&) {}, "axis >= 0"},
         {"axis beyond rank", 4, [](std::vector<Shape>&, Shape&) {}, "axis < (int32_t)num_dimensions"},
         {"no input", 0, [](std::vector<Shape>& in, Shape&) { in.clear(); }, "axis < (int32_t)num_dimensions"},
-        {"rank", 3,
-         [](std::vector<Shape>& in, Shape&) {
-             in[1] = q8({2, 2, 1}, 0.5f, 3);
-         },
-         "getNumberOfDimensions(inputShapes[i]) == num_dimensions"},
         {"type", 3, [](std::vector<Shape>& in, Shape&) { in[2].type = OperandType::TENSOR_INT32; },
          "inputShapes[i].type == inputShapes[0].type"},
         {"offset before scale", 3,
@@ -315,14 +294,10 @@ TEST(ConcatenationShape, Refusals) {
              in[1].scale = 0.25f;
          },
          "inputShapes[0].offset == inputShapes[i].offset"},
-        {"scale", 3, [](std::vector<Shape>& in, Shape&) { in[2].scale = 0.25f; },
-         "inputShapes[0].scale == inputShapes[i].scale"},
         {"other dimension", 3, [](std::vector<Shape>& in, Shape&) { in[2].dimensions[1] = 3; },
          "getSizeOfDimension(inputShapes[0], d) == getSizeOfDimension(inputShapes[i], d)"},
         {"output offset", 3, [](std::vector<Shape>&, Shape& out) { out.offset = 0; },
          "inputShapes[0].offset == output->offset"},
-        {"output scale", 3, [](std::vector<Shape>&, Shape& out) { out.scale = 1.0f; },
-         "inputShapes[0].scale == output->scale"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -357,7 +332,6 @@ TEST(ReshapeShape, Refusals) {
     } cases[] = {
         {"two stretches", {1, 2, 3, 4}, {-1, -1}, "strechDim == -1"},
         {"count", {1, 2, 3, 4}, {5, 5}, "numInputElements == numOutputElements"},
-        {"zero beside a stretch", {1, 2, 3, 4}, {0, -1}, "numInputElements == numOutputElements"},
         // Negative entries must not cancel out: -2 * -12 is not 24 elements.
         {"negatives", {2, 12}, {-2, -12}, "numInputElements == numOutputElements"},
         // 65536 * 65537 wraps to 65536 in 32 bits.

@@ -87,8 +87,6 @@ INSTANTIATE_TEST_SUITE_P(
                 "model.json: operands[0]: missing field \"lifetime\""},
         BadFile{"dims not an array", replaced(R"("dims": [1], "scale": 0.25)", R"("dims": "1", "scale": 0.25)"),
                 "model.json: operands[2].dims: expected an array, got a string"},
-        BadFile{"scale a string", replaced(R"("scale": 0.5, "zeroPoint": 3)", R"("scale": "0.5", "zeroPoint": 3)"),
-                "model.json: operands[0].scale: expected a number, got a string"},
         BadFile{"zero point fractional", replaced(R"("zeroPoint": 3)", R"("zeroPoint": 3.5)"),
                 "model.json: operands[0].zeroPoint: expected an integer, got 3.5"},
         BadFile{"negative dimension", replaced("[1, 2, 2, 1], \"scale\": 0.5, \"zeroPoint\": 3",
@@ -105,35 +103,21 @@ INSTANTIATE_TEST_SUITE_P(
                 "model.json: operands[1].data: expected 4 values, got 3"},
         BadFile{"byte out of range", replaced("[1, 2, 3, 250]", "[1, 2, 300, 250]"),
                 "model.json: operands[1].data[2]: value 300 out of range for TENSOR_QUANT8 (0..255)"},
-        BadFile{"negative byte", replaced("[1, 2, 3, 250]", "[1, -1, 3, 250]"),
-                "model.json: operands[1].data[1]: value -1 out of range for TENSOR_QUANT8 (0..255)"},
         BadFile{"int32 out of range", replaced("[-7]", "[2147483648]"),
                 "model.json: operands[2].data[0]: value 2147483648 out of range for TENSOR_INT32 "
                 "(-2147483648..2147483647)"},
-        BadFile{"fraction in int32 data", replaced("[-7]", "[1.5]"),
-                "model.json: operands[2].data[0]: expected an integer, got 1.5"},
         BadFile{"constant without data", replaced(R"(, "data": [-7])", ""),
                 "model.json: operands[2]: constant operand without \"data\""},
         BadFile{"data on an input", replaced(R"("lifetime": "input"})", R"("lifetime": "input", "data": [1, 2, 3, 4]})"),
                 "model.json: operands[0].data: only constant operands carry data"},
         BadFile{"operation input past the operands", replaced("[0, 1, 3]", "[0, 6, 3]"),
                 "model.json: operations[0].inputs[1]: operand index 6 out of range (6 operands)"},
-        BadFile{"operation output past the operands", replaced(R"("outputs": [4])", R"("outputs": [40])"),
-                "model.json: operations[0].outputs[0]: operand index 40 out of range (6 operands)"},
-        BadFile{"operation type a string", replaced(R"({"type": 6,)", R"({"type": "DEQUANTIZE",)"),
-                "model.json: operations[1].type: expected an integer, got a string"},
         BadFile{"graph input past the operands", replaced(R"("inputs": [0])", R"("inputs": [7])"),
                 "model.json: inputs[0]: operand index 7 out of range (6 operands)"},
-        BadFile{"graph output negative", replaced(R"("inputs": [0],
-  "outputs": [5])", R"("inputs": [0],
-  "outputs": [-1])"),
-                "model.json: outputs[0]: value -1 out of range (0..4294967295)"},
         BadFile{"input data of wrong length", replaced("[[9, 8, 7, 6]]", "[[9, 8, 7, 6, 5]]"),
                 "model.json: inputData[0]: expected 4 values, got 5"},
         BadFile{"input data per input", replaced("[[9, 8, 7, 6]]", "[[9, 8, 7, 6], [1]]"),
                 "model.json: inputData: expected 1 arrays (one per graph input), got 2"},
-        BadFile{"input byte out of range", replaced("[[9, 8, 7, 6]]", "[[9, 8, 256, 6]]"),
-                "model.json: inputData[0][2]: value 256 out of range for TENSOR_QUANT8 (0..255)"},
         BadFile{"expected not nested", replaced("[[1.5, -2.25]]", "[1.5]"),
                 "model.json: expected[0]: expected an array, got 1.5"},
         BadFile{"negative tolerance", replaced(R"("tolerance": 0.5)", R"("tolerance": -1)"),
@@ -284,28 +268,25 @@ LoadedModel twoOutputs() {
     return model;
 }
 
-TEST(CompareOutputs, AcceptsDifferencesUpToTheTolerance) {
+TEST(CompareOutputs, ToleranceNanAndTheFirstMismatch) {
     const LoadedModel model = twoOutputs();
-    const Comparison comparison = compareOutputs(model, {{11, 19, 30}, floatBytes({1.5f, -2.0f})});
+    Comparison comparison = compareOutputs(model, {{11, 19, 30}, floatBytes({1.5f, -2.0f})});
     EXPECT_TRUE(comparison.matched()) << comparison.detail;
     EXPECT_EQ(comparison.maxDifference, 1.0);
-}
 
-TEST(CompareOutputs, ReportsTheFirstValueOutsideTheTolerance) {
-    const LoadedModel model = twoOutputs();
-    const Comparison comparison = compareOutputs(model, {{10, 22, 33}, floatBytes({0.5f, -1.0f})});
+    comparison = compareOutputs(model, {{10, 22, 33}, floatBytes({0.5f, -1.0f})});
     EXPECT_FALSE(comparison.matched());
     EXPECT_EQ(comparison.mismatches, 2u);
     EXPECT_EQ(comparison.detail, "output 0[1]: got 22, expected 20 (tolerance 1)");
     EXPECT_EQ(comparison.maxDifference, 3.0);
-}
 
-TEST(CompareOutputs, NanNeverMatches) {
-    const LoadedModel model = twoOutputs();
-    const Comparison comparison =
-        compareOutputs(model, {{10, 20, 30}, floatBytes({std::numeric_limits<float>::quiet_NaN(), -1.0f})});
+    comparison = compareOutputs(model, {{10, 20, 30}, floatBytes({std::numeric_limits<float>::quiet_NaN(), -1.0f})});
     EXPECT_EQ(comparison.mismatches, 1u);
     EXPECT_EQ(comparison.detail.rfind("output 1[0]: got nan", 0), 0u) << comparison.detail;
+
+    comparison = compareOutputs(model, {{10, 20}, floatBytes({0.5f, -1.0f})});
+    EXPECT_TRUE(comparison.sizeMismatch);
+    EXPECT_EQ(comparison.detail, "output 0: 2 values, expected 3");
 }
 
 TEST(CompareOutputs, SkipsIgnoredOutputs) {
@@ -315,13 +296,6 @@ TEST(CompareOutputs, SkipsIgnoredOutputs) {
     model.ignoredOutputs = {1};
     EXPECT_TRUE(compareOutputs(model, {{10, 20, 30}, floatBytes({9.0f, -1.0f})}).matched());
     EXPECT_FALSE(compareOutputs(model, {{0, 0, 0}, floatBytes({0.5f, -1.0f})}).matched());
-}
-
-TEST(CompareOutputs, FlagsAWrongSize) {
-    const LoadedModel model = twoOutputs();
-    const Comparison comparison = compareOutputs(model, {{10, 20}, floatBytes({0.5f, -1.0f})});
-    EXPECT_TRUE(comparison.sizeMismatch);
-    EXPECT_EQ(comparison.detail, "output 0: 2 values, expected 3");
 }
 
 TEST(CompareOutputs, ReadsInt32Outputs) {

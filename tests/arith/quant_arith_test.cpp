@@ -62,11 +62,6 @@ TEST(ActivationMapping, RuntimeOperations) {
         EXPECT_EQ(getQuantizedActivationFunction(static_cast<ActivationFunc>(c.activation)), c.quantized);
         EXPECT_EQ(getFloatActivationFunction(static_cast<ActivationFunc>(c.activation)), c.floating);
     }
-    EXPECT_EQ(static_cast<int>(getQuantizedActivationFunction(ActivationFunc::RELU1)), 167);
-    EXPECT_EQ(static_cast<int>(getQuantizedActivationFunction(ActivationFunc::RELU6)), 23);
-    EXPECT_EQ(static_cast<int>(getFloatActivationFunction(ActivationFunc::RELU)), 49);
-    EXPECT_EQ(static_cast<int>(getFloatActivationFunction(ActivationFunc::RELU1)), 169);
-    EXPECT_EQ(static_cast<int>(getFloatActivationFunction(ActivationFunc::RELU6)), 50);
 }
 
 TEST(ActivationRange, Uint8) {
@@ -140,84 +135,45 @@ TEST(ActivationRange, Float) {
     EXPECT_EQ(log.errors(), std::vector<std::string>{"Unsupported fused activation function."});
 }
 
-TEST(QuantizedMultiplier, SmallerThanOne) {
+// Fixed-point form of a real multiplier: a Q31 mantissa and a shift. A
+// mantissa that rounds up to 2^31 is halved and the shift moves by one.
+TEST(QuantizedMultiplier, SmallerAndGreaterThanOne) {
     const struct {
         double value;
+        bool greater;  // QuantizeMultiplierGreaterThanOne, else SmallerThanOne
         int32_t multiplier, shift;
+        const char* refusal;  // null: accepted
     } cases[] = {
-        {0.5, 1 << 30, 0},      {0.25, 1 << 30, 1},          {0.75, 3 << 29, 0}, {0.0, 0, 0},
-        {0x1p-40, 1 << 30, 39}, {0.5 - 0x1p-40, 1 << 30, 0},  // mantissa rounds up to 2^31: halved, shift - 1
+        {0.5, false, 1 << 30, 0, nullptr},
+        {0.75, false, 3 << 29, 0, nullptr},
+        {0.0, false, 0, 0, nullptr},
+        {0x1p-40, false, 1 << 30, 39, nullptr},
+        {0.5 - 0x1p-40, false, 1 << 30, 0, nullptr},
+        {3.0, true, 3 << 29, 2, nullptr},
+        {2.0 - 0x1p-40, true, 1 << 30, 2, nullptr},
+        {1024.0, true, 1 << 30, 11, nullptr},
+        {1.0, false, 77, 55, "NN_CHECK failed: double_multiplier < 1."},
+        {-0.25, false, 77, 55, "NN_CHECK failed: double_multiplier >= 0."},
+        {std::nan(""), false, 77, 55, "NN_CHECK failed: double_multiplier >= 0."},
+        {1.0 - 0x1p-40, false, 77, -1, "NN_CHECK failed: *right_shift >= 0"},  // right_shift left at -1
+        {1.0, true, 77, 55, "NN_CHECK failed: double_multiplier > 1."},
+        {std::nan(""), true, 77, 55, "NN_CHECK failed: double_multiplier > 1."},
+        {std::numeric_limits<double>::infinity(), true, 77, 55, "NN_CHECK failed: q_fixed <= (1ll << 31)"},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.value);
-        zeltest::LogCapture log;
-        int32_t multiplier = -1;
-        int32_t shift = -100;
-        ASSERT_TRUE(QuantizeMultiplierSmallerThanOne(c.value, &multiplier, &shift));
-        EXPECT_EQ(multiplier, c.multiplier);
-        EXPECT_EQ(shift, c.shift);
-        EXPECT_TRUE(log.texts().empty());
-    }
-}
-
-TEST(QuantizedMultiplier, SmallerThanOneRefusals) {
-    const struct {
-        double value;
-        std::string line;
-        int32_t shiftAfter;  // right_shift as left by the refusal
-    } cases[] = {
-        {1.0, "NN_CHECK failed: double_multiplier < 1.", 55},
-        {-0.25, "NN_CHECK failed: double_multiplier >= 0.", 55},
-        {std::nan(""), "NN_CHECK failed: double_multiplier >= 0.", 55},
-        {1.0 - 0x1p-40, "NN_CHECK failed: *right_shift >= 0", -1},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.line);
+        SCOPED_TRACE(testing::Message() << c.value << (c.greater ? " greater" : " smaller"));
         zeltest::LogCapture log;
         int32_t multiplier = 77;
         int32_t shift = 55;
-        EXPECT_FALSE(QuantizeMultiplierSmallerThanOne(c.value, &multiplier, &shift));
-        EXPECT_EQ(log.errors(), std::vector<std::string>{c.line});
-        EXPECT_EQ(multiplier, 77);
-        EXPECT_EQ(shift, c.shiftAfter);
-    }
-}
-
-TEST(QuantizedMultiplier, GreaterThanOne) {
-    const struct {
-        double value;
-        int32_t multiplier;
-        int shift;
-    } cases[] = {
-        {3.0, 3 << 29, 2},
-        {1.5, 3 << 29, 1},
-        {2.0 - 0x1p-40, 1 << 30, 2},  // mantissa rounds up to 2^31: halved, shift + 1
-        {1024.0, 1 << 30, 11},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.value);
-        int32_t multiplier = 0;
-        int shift = -1;
-        ASSERT_TRUE(QuantizeMultiplierGreaterThanOne(c.value, &multiplier, &shift));
+        int leftShift = 55;
+        const bool ok = c.greater ? QuantizeMultiplierGreaterThanOne(c.value, &multiplier, &leftShift)
+                                  : QuantizeMultiplierSmallerThanOne(c.value, &multiplier, &shift);
+        EXPECT_EQ(ok, c.refusal == nullptr);
         EXPECT_EQ(multiplier, c.multiplier);
-        EXPECT_EQ(shift, c.shift);
-    }
-    const struct {
-        double value;
-        std::string line;
-    } refusals[] = {
-        {1.0, "NN_CHECK failed: double_multiplier > 1."},
-        {std::nan(""), "NN_CHECK failed: double_multiplier > 1."},
-        {std::numeric_limits<double>::infinity(), "NN_CHECK failed: q_fixed <= (1ll << 31)"},
-    };
-    for (const auto& c : refusals) {
-        SCOPED_TRACE(c.value);
-        zeltest::LogCapture log;
-        int32_t multiplier = 77;
-        int shift = 0;
-        EXPECT_FALSE(QuantizeMultiplierGreaterThanOne(c.value, &multiplier, &shift));
-        EXPECT_EQ(log.errors(), std::vector<std::string>{c.line});
-        EXPECT_EQ(multiplier, 77);
+        if (!c.greater || c.refusal == nullptr) {
+            EXPECT_EQ(c.greater ? leftShift : shift, c.shift);
+        }
+        EXPECT_EQ(log.errors(), c.refusal ? std::vector<std::string>{c.refusal} : std::vector<std::string>{});
     }
 }
 

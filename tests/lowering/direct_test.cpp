@@ -1,7 +1,8 @@
 // The lowering functions outside the table (the other quant8 functions and
-// every float32 one), called directly on a model attached to a fresh runtime
+// the float32 ones), called directly on a model attached to a fresh runtime
 // graph; the simulator checks every node as it is appended (float nodes
-// structurally).
+// structurally). One row per lowering path: functions that share a helper
+// (the float unary ops, the two-operand ops, the pools) have one row.
 #include <algorithm>
 
 #include "lowering_support.h"
@@ -30,21 +31,13 @@ struct DirectCase {
 
 void PrintTo(const DirectCase& c, std::ostream* os) { *os << c.label; }
 
-#define RANGES "1x1x1x1*4 1x1x1x1*4"
+// Quantized graph values of range [-64, 63.5], float graph values.
+uint32_t q8In(HostGraph& g, std::vector<uint32_t> dims) { return g.addQuant8(dims, 0.5f, 128, Lifetime::Input); }
+uint32_t q8Out(HostGraph& g, std::vector<uint32_t> dims) { return g.addQuant8(dims, 0.5f, 128, Lifetime::Output); }
+uint32_t f32In(HostGraph& g, std::vector<uint32_t> dims) { return g.addFloatTensor(dims, Lifetime::Input); }
+uint32_t f32Out(HostGraph& g, std::vector<uint32_t> dims) { return g.addFloatTensor(dims, Lifetime::Output); }
 
-// Quantized graph input of range [-64, 63.5].
-uint32_t q8In(HostGraph& g, std::vector<uint32_t> dims) {
-    return g.addQuant8(std::move(dims), 0.5f, 128, Lifetime::Input);
-}
-uint32_t q8Out(HostGraph& g, std::vector<uint32_t> dims) {
-    return g.addQuant8(std::move(dims), 0.5f, 128, Lifetime::Output);
-}
-uint32_t f32In(HostGraph& g, std::vector<uint32_t> dims) { return g.addFloatTensor(std::move(dims), Lifetime::Input); }
-uint32_t f32Out(HostGraph& g, std::vector<uint32_t> dims) {
-    return g.addFloatTensor(std::move(dims), Lifetime::Output);
-}
-
-// One data input `in` of `dims`, the given extra operands, one output.
+// One data input `in`, the given extra operands, one output.
 Op unaryOp(HostGraph& g, uint32_t in, std::vector<uint32_t> extra, uint32_t out) {
     g.setInputs({in});
     g.setOutputs({out});
@@ -63,10 +56,7 @@ std::vector<DirectCase> quant8Cases() {
              const uint32_t a = q8In(g, {1, 1, 1, 2});
              const uint32_t b = g.addQuant8({1, 1, 2, 2}, 0.25f, 128, Lifetime::Constant, {1, 2, 3, 4});
              const uint32_t act = g.addInt32(0);
-             const uint32_t out = g.addQuant8({1, 1, 1, 2}, 1.0f, 128, Lifetime::Output);
-             g.setInputs({a});
-             g.setOutputs({out});
-             return Op{{a, b, act}, {out}};
+             return unaryOp(g, a, {b, act}, g.addQuant8({1, 1, 1, 2}, 1.0f, 128, Lifetime::Output));
          },
          {
              "2 const 1x1x2x2 u8 1 2 3 4",
@@ -92,26 +82,14 @@ std::vector<DirectCase> quant8Cases() {
          q8::softmax,
          [](HostGraph& g) {
              const uint32_t in = q8In(g, {1, 2, 2, 1});
-             return unaryOp(g, in, {g.addFloat(0.5f)}, q8Out(g, {1, 2, 2, 1}));
+             const uint32_t beta = g.addFloat(0.5f);
+             return unaryOp(g, in, {beta}, q8Out(g, {1, 2, 2, 1}));
          },
          {
              "2 const 1x1x1x1 f32 0.5",
              "3 const 1x1x1x1 f32 -64",
              "4 const 1x1x1x1 f32 63.5",
              "5 119 pad=0 [1:0 2:0 3:0 4:0] -> [1x2x2x1*1 " RANGES "]",
-         }},
-        {"pad",
-         q8::pad,
-         [](HostGraph& g) {
-             const uint32_t in = q8In(g, {1, 2, 2, 1});
-             const uint32_t paddings = g.addInt32Tensor({4, 2}, 0.0f, {0, 0, 1, 1, 1, 1, 0, 0});
-             return unaryOp(g, in, {paddings}, q8Out(g, {1, 4, 4, 1}));
-         },
-         {
-             "2 const 1x1x4x2 i32 0 0 1 1 1 1 0 0",
-             "3 const 1x1x1x1 f32 -64",
-             "4 const 1x1x1x1 f32 63.5",
-             "5 134 pad=0 [1:0 2:0 3:0 4:0] -> [1x4x4x1*1 " RANGES "]",
          }},
         // The new shape is the output's: [1, 2, 2].
         {"squeeze",
@@ -127,6 +105,7 @@ std::vector<DirectCase> quant8Cases() {
              "4 const 1x1x1x1 f32 63.5",
              "5 QuantizedReshape pad=0 [1:0 2:0 3:0 4:0] -> [1x1x2x2*1 " RANGES "]",
          }},
+        // All-zero crops of 1x1x(rank-2)x2.
         {"batch_to_space_nd",
          q8::batch_to_space_nd,
          [](HostGraph& g) {
@@ -141,26 +120,12 @@ std::vector<DirectCase> quant8Cases() {
              "5 const 1x1x2x2 i32 0 0 0 0",
              "6 209 pad=0 [1:0 2:0 3:0 4:0 5:0] -> [1x2x2x1*1 " RANGES "]",
          }},
-        {"space_to_batch_nd",
-         q8::space_to_batch_nd,
-         [](HostGraph& g) {
-             const uint32_t in = q8In(g, {1, 2, 2, 1});
-             const uint32_t block = g.addInt32Tensor({2}, 0.0f, {2, 2});
-             const uint32_t paddings = g.addInt32Tensor({2, 2}, 0.0f, {0, 0, 0, 0});
-             return unaryOp(g, in, {block, paddings}, q8Out(g, {4, 1, 1, 1}));
-         },
-         {
-             "2 const 1x1x1x1 f32 -64",
-             "3 const 1x1x1x1 f32 63.5",
-             "4 const 1x1x1x2 i32 2 2",
-             "5 const 1x1x2x2 i32 0 0 0 0",
-             "6 208 pad=0 [1:0 2:0 3:0 4:0 5:0] -> [4x1x1x1*1 " RANGES "]",
-         }},
         {"space_to_depth",
          q8::space_to_depth,
          [](HostGraph& g) {
              const uint32_t in = q8In(g, {1, 2, 2, 1});
-             return unaryOp(g, in, {g.addInt32(2)}, q8Out(g, {1, 1, 1, 4}));
+             const uint32_t block = g.addInt32(2);
+             return unaryOp(g, in, {block}, q8Out(g, {1, 1, 1, 4}));
          },
          {
              "2 const 1x1x1x1 i32 2",
@@ -203,25 +168,21 @@ std::vector<DirectCase> floatCases() {
             return Op{{a, b, act}, {out}};
         };
     };
-    // in [1,4,4,1], implicit VALID, stride w 2 / h 1, window 2x2.
-    const auto implicitPool = [](int32_t activation) {
-        return [activation](HostGraph& g) {
-            const uint32_t in = f32In(g, {1, 4, 4, 1});
-            const uint32_t two = g.addInt32(2);
-            const uint32_t one = g.addInt32(1);
-            const uint32_t act = g.addInt32(activation);
-            return unaryOp(g, in, {two, two, one, two, two, act}, f32Out(g, {1, 3, 2, 1}));
+    const auto unary = [](HostGraph& g) { return unaryOp(g, f32In(g, {1, 2, 2, 1}), {}, f32Out(g, {1, 2, 2, 1})); };
+    // `in` with one int32 tensor operand.
+    const auto withTensor = [](std::vector<uint32_t> in, std::vector<uint32_t> dims, std::vector<int32_t> values,
+                               std::vector<uint32_t> out) {
+        return [=](HostGraph& g) {
+            const uint32_t input = f32In(g, in);
+            const uint32_t tensor = g.addInt32Tensor(dims, 0.0f, values);
+            return unaryOp(g, input, {tensor}, f32Out(g, out));
         };
     };
-    const auto unary = [](HostGraph& g) { return unaryOp(g, f32In(g, {1, 2, 2, 1}), {}, f32Out(g, {1, 2, 2, 1})); };
     const std::vector<float> eight = {1, 2, 3, 4, 5, 6, 7, 8};
 
     return {
-        {"add_relu",
-         f32::add,
-         elementWise(1),
+        {"add_relu", f32::add, elementWise(1),
          {"2 66 pad=0 [1:0 1:1] -> [1x2x2x1*4]", "3 49 pad=0 [2:0] -> [1x2x2x1*4]"}},
-        {"sub", f32::sub, elementWise(0), {"2 75 pad=0 [1:0 1:1] -> [1x2x2x1*4]"}},
         {"mul_relu1",
          f32::mul,
          elementWise(2),
@@ -231,14 +192,17 @@ std::vector<DirectCase> floatCases() {
              "4 const 1x1x1x1 f32 1",
              "5 169 pad=0 [2:0 3:0 4:0] -> [1x2x2x1*4]",
          }},
-        {"average_pool",
-         f32::average_pool_2d,
-         implicitPool(0),
-         {"2 const 1x2x2x1 shape", "3 const 1x1x2x1 shape", "4 51 pad=2 [1:0 2:0 3:0] -> [1x3x2x1*4]"}},
-        // The activation's constant is made before the pool node.
+        // in [1,4,4,1], implicit VALID, stride w 2 / h 1, window 2x2. The
+        // activation's constant is made before the pool node.
         {"l2_pool_relu6",
          f32::l2_pool_2d,
-         implicitPool(3),
+         [](HostGraph& g) {
+             const uint32_t in = f32In(g, {1, 4, 4, 1});
+             const uint32_t two = g.addInt32(2);
+             const uint32_t one = g.addInt32(1);
+             const uint32_t act = g.addInt32(3);
+             return unaryOp(g, in, {two, two, one, two, two, act}, f32Out(g, {1, 3, 2, 1}));
+         },
          {
              "2 const 1x2x2x1 shape",
              "3 const 1x1x2x1 shape",
@@ -283,23 +247,6 @@ std::vector<DirectCase> floatCases() {
              "7 const 1x1x1x1 f32 6",
              "8 50 pad=0 [6:0 7:0] -> [1x3x2x2*4]",
          }},
-        {"conv_explicit_valid",
-         f32::conv_2d,
-         [](HostGraph& g) {
-             const uint32_t in = f32In(g, {1, 3, 3, 1});
-             const uint32_t filter = g.addFloatTensor({1, 2, 2, 1}, Lifetime::Constant, {1, 2, 3, 4});
-             const uint32_t bias = g.addFloatTensor({1}, Lifetime::Constant, {0.5f});
-             const uint32_t zero = g.addInt32(0);
-             const uint32_t one = g.addInt32(1);
-             return unaryOp(g, in, {filter, bias, zero, zero, zero, zero, one, one, zero}, f32Out(g, {1, 2, 2, 1}));
-         },
-         {
-             "2 const 2x2x1x1 f32 1 2 3 4",
-             "3 const 1x1x1x1 f32 0.5",
-             "4 const 1x1x1x1 shape",
-             "5 47 pad=2 [1:0 2:0 4:0] -> [1x2x2x1*4]",
-             "6 58 pad=0 [5:0 3:0] -> [1x2x2x1*4]",
-         }},
         // Explicit SAME, multiplier 2: the filter keeps its bytes.
         {"depthwise_explicit",
          f32::depthwise_conv_2d,
@@ -326,7 +273,8 @@ std::vector<DirectCase> floatCases() {
              const uint32_t in = f32In(g, {1, 4});
              const uint32_t weights = g.addFloatTensor({2, 4}, Lifetime::Constant, eight);
              const uint32_t bias = g.addFloatTensor({2}, Lifetime::Constant, {0.5f, 1.0f});
-             return unaryOp(g, in, {weights, bias, g.addInt32(0)}, f32Out(g, {1, 2}));
+             const uint32_t act = g.addInt32(0);
+             return unaryOp(g, in, {weights, bias, act}, f32Out(g, {1, 2}));
          },
          {
              "2 const 1x1x4x2 f32 1 5 2 6 3 7 4 8",
@@ -351,8 +299,8 @@ std::vector<DirectCase> floatCases() {
          f32::local_response_normalization,
          [](HostGraph& g) {
              const uint32_t in = f32In(g, {1, 2, 2, 4});
-             return unaryOp(g, in, {g.addInt32(2), g.addFloat(1.0f), g.addFloat(0.5f), g.addFloat(0.75f)},
-                            f32Out(g, {1, 2, 2, 4}));
+             const std::vector<uint32_t> args = {g.addInt32(2), g.addFloat(1.0f), g.addFloat(0.5f), g.addFloat(0.75f)};
+             return unaryOp(g, in, args, f32Out(g, {1, 2, 2, 4}));
          },
          {
              "2 const 1x1x1x5 shape",
@@ -361,82 +309,34 @@ std::vector<DirectCase> floatCases() {
              "5 const 1x1x1x1 f32 0.75",
              "6 56 pad=0 [1:0 2:0 3:0 4:0 5:0] -> [1x2x2x4*4]",
          }},
-        {"logistic", f32::logistic, unary, {"2 62 pad=0 [1:0] -> [1x2x2x1*4]"}},
-        {"tanh", f32::tanh, unary, {"2 61 pad=0 [1:0] -> [1x2x2x1*4]"}},
-        {"relu", f32::relu, unary, {"2 49 pad=0 [1:0] -> [1x2x2x1*4]"}},
         {"relu1",
          f32::relu1,
          unary,
          {"2 const 1x1x1x1 f32 -1", "3 const 1x1x1x1 f32 1", "4 169 pad=0 [1:0 2:0 3:0] -> [1x2x2x1*4]"}},
-        {"relu6", f32::relu6, unary, {"2 const 1x1x1x1 f32 6", "3 50 pad=0 [1:0 2:0] -> [1x2x2x1*4]"}},
-        {"softmax",
-         f32::softmax,
-         [](HostGraph& g) {
-             const uint32_t in = f32In(g, {1, 2, 2, 1});
-             return unaryOp(g, in, {g.addFloat(1.0f)}, f32Out(g, {1, 2, 2, 1}));
-         },
-         {"2 const 1x1x1x1 f32 1", "3 46 pad=0 [1:0 2:0] -> [1x2x2x1*4]"}},
-        {"reshape",
-         f32::reshape,
-         [](HostGraph& g) {
-             const uint32_t in = f32In(g, {1, 2, 2, 1});
-             return unaryOp(g, in, {g.addInt32Tensor({2}, 0.0f, {1, 4})}, f32Out(g, {1, 4}));
-         },
-         {"2 const 1x1x1x2 i32 1 4", "3 59 pad=0 [1:0 2:0] -> [1x1x1x4*4]"}},
-        {"squeeze",
-         f32::squeeze,
-         [](HostGraph& g) {
-             const uint32_t in = f32In(g, {1, 2, 1, 2});
-             return unaryOp(g, in, {g.addInt32Tensor({1}, 0.0f, {2})}, f32Out(g, {1, 2, 2}));
-         },
-         {"2 const 1x1x1x3 i32 1 2 2", "3 59 pad=0 [1:0 2:0] -> [1x1x2x2*4]"}},
-        {"pad",
-         f32::pad,
-         [](HostGraph& g) {
-             const uint32_t in = f32In(g, {1, 2, 2, 1});
-             return unaryOp(g, in, {g.addInt32Tensor({4, 2}, 0.0f, {0, 0, 1, 1, 1, 1, 0, 0})},
-                            f32Out(g, {1, 4, 4, 1}));
-         },
-         {"2 const 1x1x4x2 i32 0 0 1 1 1 1 0 0", "3 131 pad=0 [1:0 2:0] -> [1x4x4x1*4]"}},
-        {"transpose",
-         f32::transpose,
-         [](HostGraph& g) {
-             const uint32_t in = f32In(g, {1, 2, 3, 1});
-             return unaryOp(g, in, {g.addInt32Tensor({4}, 0.0f, {0, 2, 1, 3})}, f32Out(g, {1, 3, 2, 1}));
-         },
+        {"transpose", f32::transpose, withTensor({1, 2, 3, 1}, {4}, {0, 2, 1, 3}, {1, 3, 2, 1}),
          {"2 const 1x1x1x4 i32 0 2 1 3", "3 244 pad=0 [1:0 2:0] -> [1x3x2x1*4]"}},
+        {"squeeze", f32::squeeze, withTensor({1, 2, 1, 2}, {1}, {2}, {1, 2, 2}),
+         {"2 const 1x1x1x3 i32 1 2 2", "3 59 pad=0 [1:0 2:0] -> [1x1x2x2*4]"}},
         {"resize_bilinear",
          f32::resize_bilinear,
          [](HostGraph& g) {
              const uint32_t in = f32In(g, {1, 2, 2, 1});
-             return unaryOp(g, in, {g.addInt32(3), g.addInt32(4)}, f32Out(g, {1, 4, 3, 1}));
+             const std::vector<uint32_t> size = {g.addInt32(3), g.addInt32(4)};
+             return unaryOp(g, in, size, f32Out(g, {1, 4, 3, 1}));
          },
          {"2 const 1x1x1x2 i32 4 3", "3 135 pad=0 [1:0 2:0] -> [1x4x3x1*4]"}},
-        {"batch_to_space_nd",
-         f32::batch_to_space_nd,
-         [](HostGraph& g) {
-             const uint32_t in = f32In(g, {4, 1, 1, 1});
-             return unaryOp(g, in, {g.addInt32Tensor({2}, 0.0f, {2, 2})}, f32Out(g, {1, 2, 2, 1}));
-         },
+        {"batch_to_space_nd", f32::batch_to_space_nd, withTensor({4, 1, 1, 1}, {2}, {2, 2}, {1, 2, 2, 1}),
          {
              "2 const 1x1x1x2 i32 2 2",
              "3 const 1x1x2x2 i32 0 0 0 0",
              "4 133 pad=0 [1:0 2:0 3:0] -> [1x2x2x1*4]",
          }},
-        {"space_to_batch_nd",
-         f32::space_to_batch_nd,
-         [](HostGraph& g) {
-             const uint32_t in = f32In(g, {1, 2, 2, 1});
-             return unaryOp(g, in,
-                            {g.addInt32Tensor({2}, 0.0f, {2, 2}), g.addInt32Tensor({2, 2}, 0.0f, {0, 0, 0, 0})},
-                            f32Out(g, {4, 1, 1, 1}));
-         },
-         {
-             "2 const 1x1x1x2 i32 2 2",
-             "3 const 1x1x2x2 i32 0 0 0 0",
-             "4 132 pad=0 [1:0 2:0 3:0] -> [4x1x1x1*4]",
-         }},
     };
+}
+
+const DirectCase& quant8Case(const std::string& label) {
+    static const std::vector<DirectCase> cases = quant8Cases();
+    return *std::find_if(cases.begin(), cases.end(), [&](const DirectCase& c) { return c.label == label; });
 }
 
 class DirectTest : public LoweringTest, public ::testing::WithParamInterface<DirectCase> {};
@@ -450,9 +350,7 @@ TEST_P(DirectTest, AppendsTheExpectedNodes) {
     ASSERT_EQ(1u, zelsim::nodes(id).size());
 
     ASSERT_TRUE(GetParam().fn(op.ins, op.outs, model.get())) << zelsim::lastError(id);
-    std::vector<std::string> chain = {diagram(zelsim::nodes(id).front(), "")};
-    chain.insert(chain.end(), GetParam().chain.begin(), GetParam().chain.end());
-    expectChain(id, chain);
+    expectChain(id, GetParam().chain, 1);
     EXPECT_TRUE(allAccepted(id));
     EXPECT_EQ(std::vector<std::string>{}, errorTexts());
     // Every output of the operation now names the last node.
@@ -468,16 +366,12 @@ INSTANTIATE_TEST_SUITE_P(Float32, DirectTest, ::testing::ValuesIn(floatCases()),
 // fix-up at the output node.
 TEST_F(LoweringTest, QuantizedSoftmaxOutputIsNotDequantized) {
     HostGraph graph;
-    const uint32_t in = q8In(graph, {1, 2, 2, 1});
-    const uint32_t beta = graph.addFloat(1.0f);
-    const uint32_t out = q8Out(graph, {1, 2, 2, 1});
-    graph.setInputs({in});
-    graph.setOutputs({out});
+    const Op op = quant8Case("softmax").build(graph);
     auto model = attached(graph);
     ASSERT_TRUE(model);
-    ASSERT_TRUE(model->operands()[out].dequantizeOutput);
-    ASSERT_TRUE(q8::softmax({in, beta}, {out}, model.get()));
-    EXPECT_FALSE(model->operands()[out].dequantizeOutput);
+    ASSERT_TRUE(model->operands()[op.outs[0]].dequantizeOutput);
+    ASSERT_TRUE(q8::softmax(op.ins, op.outs, model.get()));
+    EXPECT_FALSE(model->operands()[op.outs[0]].dequantizeOutput);
 }
 
 // Fourteen inputs: data, weights in the runtime's layout, the ranges of the
@@ -485,30 +379,29 @@ TEST_F(LoweringTest, QuantizedSoftmaxOutputIsNotDequantized) {
 // 16-bit state (q -32768 and 32768).
 TEST_F(LoweringTest, OemLstmWiresFourteenInputs) {
     HostGraph graph;
-    const uint32_t input = graph.addQuant8({1, 2}, 1.0f / 128, 128, Lifetime::Input);
-    const uint32_t previous = graph.addQuant8({1, 2}, 1.0f / 128, 128, Lifetime::Input);
-    const uint32_t concat = graph.addQuant8({1, 4}, 1.0f / 128, 128, Lifetime::Input);
-    const uint32_t weights =
-        graph.addQuant8({8, 4}, 0.5f, 128, Lifetime::Constant, std::vector<uint8_t>(32, 130));
+    const float step = 1.0f / 128;
+    const uint32_t input = graph.addQuant8({1, 2}, step, 128, Lifetime::Input);
+    const uint32_t previous = graph.addQuant8({1, 2}, step, 128, Lifetime::Input);
+    const uint32_t concat = graph.addQuant8({1, 4}, step, 128, Lifetime::Input);
+    const uint32_t weights = graph.addQuant8({8, 4}, 0.5f, 128, Lifetime::Constant, std::vector<uint8_t>(32, 130));
     const uint32_t bias = graph.addInt32Tensor({8}, 0.5f / 128, std::vector<int32_t>(8, 0));
-    const uint32_t state =
-        graph.addOperand(OperandType::TENSOR_CUSTOM_BYTE, {1, 4}, 1.0f / 2048, 0, Lifetime::Input);
-    const uint32_t outActivation = graph.addQuant8({1, 2}, 1.0f / 128, 128, Lifetime::Output);
-    const uint32_t outState = graph.addOperand(OperandType::TENSOR_CUSTOM_BYTE, {1, 4}, 1.0f / 2048, 0, Lifetime::Output);
-    const uint32_t outConcat = graph.addQuant8({1, 4}, 1.0f / 128, 128, Lifetime::Output);
-    const uint32_t outGates = graph.addOperand(OperandType::TENSOR_CUSTOM_BYTE, {1, 16}, 1.0f / 4096, 0, Lifetime::Output);
-    graph.addOperation(OperationType::OEM_LSTM, {input, previous, concat, weights, bias, state},
-                       {outActivation, outState, outConcat, outGates});
+    const uint32_t state = graph.addOperand(OperandType::TENSOR_CUSTOM_BYTE, {1, 4}, 1.0f / 2048, 0, Lifetime::Input);
+    const std::vector<uint32_t> outs = {
+        graph.addQuant8({1, 2}, step, 128, Lifetime::Output),
+        graph.addOperand(OperandType::TENSOR_CUSTOM_BYTE, {1, 4}, 1.0f / 2048, 0, Lifetime::Output),
+        graph.addQuant8({1, 4}, step, 128, Lifetime::Output),
+        graph.addOperand(OperandType::TENSOR_CUSTOM_BYTE, {1, 16}, 1.0f / 4096, 0, Lifetime::Output),
+    };
+    const std::vector<uint32_t> ins = {input, previous, concat, weights, bias, state};
+    graph.addOperation(OperationType::OEM_LSTM, ins, outs);
     graph.setInputs({input, previous, concat, state});
-    graph.setOutputs({outActivation, outState, outConcat, outGates});
+    graph.setOutputs(outs);
     // 16-bit custom operands count elements, not bytes, once preprocessed.
     auto model = attached(graph, [](ZelModel& m) { EXPECT_TRUE(m.operationPreProcess()); });
     ASSERT_TRUE(model);
     const int id = static_cast<int>(model->graphId());
 
-    ASSERT_TRUE(q8::oemLstm({input, previous, concat, weights, bias, state},
-                            {outActivation, outState, outConcat, outGates}, model.get()))
-        << zelsim::lastError(id);
+    ASSERT_TRUE(q8::oemLstm(ins, outs, model.get())) << zelsim::lastError(id);
     expectChain(id, {
                         "1 INPUT pad=0 [] -> [1x1x1x2*1 1x1x1x2*1 1x1x1x4*1 1x1x1x2*2]",
                         "2 const 1x1x4x8 (32 bytes)",
@@ -529,18 +422,12 @@ TEST_F(LoweringTest, OemLstmWiresFourteenInputs) {
 
 TEST_F(LoweringTest, OemSplitNeedsAsManyOutputsAsItsCount) {
     HostGraph graph;
-    const uint32_t axis = graph.addInt32(3);
-    const uint32_t data = q8In(graph, {1, 2, 2, 3});
-    const uint32_t count = graph.addInt32(3);
-    const uint32_t unused = graph.addInt32(0);
-    const uint32_t a = q8Out(graph, {1, 2, 2, 1});
-    const uint32_t b = q8Out(graph, {1, 2, 2, 1});
-    graph.setInputs({data});
-    graph.setOutputs({a, b});
+    const Op op = quant8Case("oem_split").build(graph);
+    graph.operand(op.ins[2]).mData = {3, 0, 0, 0};  // a count of 3 for two outputs
     auto model = attached(graph);
     ASSERT_TRUE(model);
     log.clear();
-    EXPECT_FALSE(q8::oemSplit({axis, data, count, unused}, {a, b}, model.get()));
+    EXPECT_FALSE(q8::oemSplit(op.ins, op.outs, model.get()));
     EXPECT_EQ(std::vector<std::string>{"failed (size_t)model->getScalar<int32_t>(ins[2]) == outs.size() (3 == 2): "
                                        "Number of outputs is incorrect"},
               errorTexts());

@@ -1,99 +1,24 @@
 #include "lowering_support.h"
 
-#include <algorithm>
-#include <cstring>
-#include <sstream>
+#include <stdexcept>
 
 #include "zel_kestrel_runtime.h"
-#include "zel_utils.h"
 
 namespace lowering {
 
-namespace {
-
-std::string dims(const uint32_t* d, uint32_t count) {
-    std::string s;
-    for (uint32_t i = 0; i < count; ++i) s += (i ? "x" : "") + std::to_string(d[i]);
-    return s;
+void operation(HostGraph& g, OperationType type, const std::vector<uint32_t>& ins, const std::vector<uint32_t>& outs,
+               const std::vector<uint32_t>& graphInputs) {
+    g.addOperation(type, ins, outs);
+    g.setInputs(graphInputs);
+    g.setOutputs(outs);
 }
 
-std::string opName(int32_t op) {
-    std::string name = arv::nnhal::zel::toString(static_cast<zel_op_type_enum>(op));
-    if (name.rfind("ZEL_OP_", 0) == 0) name = name.substr(7);
-    return name;
-}
-
-// The word after the dims of an expected constant line ("" when none).
-std::string requestedView(const std::string& expected) {
-    std::istringstream in(expected);
-    std::string id, kind, shape, view;
-    in >> id >> kind >> shape >> view;
-    return kind == "const" ? view : "";
-}
-
-template <typename T>
-std::string values(const std::vector<uint8_t>& data) {
-    std::ostringstream os;
-    for (size_t at = 0; at + sizeof(T) <= data.size(); at += sizeof(T)) {
-        T value;
-        std::memcpy(&value, data.data() + at, sizeof(T));
-        os << ' ' << +value;
+const Canonical& canonical(const std::string& name) {
+    for (const Canonical& c : canonicalGraphs()) {
+        if (c.name == name) return c;
     }
-    return os.str();
+    throw std::runtime_error("no canonical graph " + name);
 }
-
-std::string constData(const std::vector<uint8_t>& data, const std::string& view) {
-    if (view == "f32" && data.size() % 4 == 0) return "f32" + values<float>(data);
-    if (view == "i32" && data.size() % 4 == 0) return "i32" + values<int32_t>(data);
-    if (view == "u8") return "u8" + values<uint8_t>(data);
-    if (view == "shape" && data == std::vector<uint8_t>(4, 0)) return "shape";
-    return "(" + std::to_string(data.size()) + " bytes)";
-}
-
-}  // namespace
-
-std::string diagram(const zelsim::RecordedNode& node, const std::string& expected) {
-    std::ostringstream os;
-    if (!node.accepted) os << "REFUSED ";
-    os << node.nodeId << ' ';
-    if (node.isConst) {
-        os << "const " << dims(node.dims, 4) << ' ' << constData(node.data, requestedView(expected));
-        return os.str();
-    }
-    os << opName(node.op) << " pad=" << node.padding << " [";
-    for (size_t i = 0; i < node.inputs.size(); ++i) {
-        os << (i ? " " : "") << node.inputs[i].src_id << ':' << node.inputs[i].output_idx;
-    }
-    os << "] -> [";
-    for (size_t i = 0; i < node.outputs.size(); ++i) {
-        const kestrel_zel_nn_output& r = node.outputs[i];
-        os << (i ? " " : "") << dims(r.max_sizes, r.rank < 8 ? r.rank : 8) << '*' << r.elementsize;
-    }
-    os << ']';
-    return os.str();
-}
-
-void expectChain(int graphId, const std::vector<std::string>& expected) {
-    const std::vector<zelsim::RecordedNode> nodes = zelsim::nodes(graphId);
-    const size_t shared = std::min(nodes.size(), expected.size());
-    for (size_t i = 0; i < shared; ++i) {
-        EXPECT_EQ(expected[i], diagram(nodes[i], expected[i])) << "node at position " << i;
-    }
-    for (size_t i = shared; i < nodes.size(); ++i) ADD_FAILURE() << "unexpected node " << diagram(nodes[i], "");
-    for (size_t i = shared; i < expected.size(); ++i) ADD_FAILURE() << "missing node " << expected[i];
-}
-
-bool allAccepted(int graphId) {
-    for (const zelsim::RecordedNode& node : zelsim::nodes(graphId)) {
-        if (!node.accepted) {
-            ADD_FAILURE() << "refused: " << diagram(node, "") << " (" << zelsim::lastError(graphId) << ")";
-            return false;
-        }
-    }
-    return true;
-}
-
-int appendCalls() { return zelsim::callCount("append_node") + zelsim::callCount("append_const_node"); }
 
 std::unique_ptr<ZelModel> LoweringTest::attached(HostGraph& graph,
                                                  const std::function<void(ZelModel&)>& beforeInputs) {
@@ -111,15 +36,6 @@ std::unique_ptr<ZelModel> LoweringTest::attached(HostGraph& graph,
     if (beforeInputs) beforeInputs(*model);
     EXPECT_TRUE(model->addInputs());
     return model;
-}
-
-std::vector<std::string> LoweringTest::errorTexts() const {
-    std::vector<std::string> texts;
-    for (const std::string& line : log.errors()) {
-        const std::string text = zeltest::afterLocation(line);
-        texts.push_back(text.empty() ? line : text);
-    }
-    return texts;
 }
 
 }  // namespace lowering

@@ -1,48 +1,41 @@
-// Shared pieces of the lowering tests: node diagrams, the canonical
-// one-operation graphs and a fixture that resets the simulator.
+// Shared pieces of the lowering tests: the canonical one-operation graphs
+// and a fixture that resets the simulator. Chains are compared as diagram
+// lines (node_diagram.h).
 #pragma once
 
 #include <gtest/gtest.h>
 
-#include <cstdint>
 #include <functional>
-#include <ostream>
 #include <memory>
+#include <ostream>
 #include <string>
 #include <vector>
 
 #include "log_capture.h"
+#include "node_diagram.h"
 #include "zel_model.h"
 #include "zelhost/host_graph.h"
 #include "zelsim/control.h"
 
 namespace lowering {
 
+using arv::nnhal::ExecutionPerformance;
 using arv::nnhal::OperandType;
 using arv::nnhal::OperationType;
 using arv::nnhal::host::HostGraph;
 using arv::nnhal::host::Lifetime;
 using arv::nnhal::zel::ZelModel;
+using zeltest::allAccepted;
+using zeltest::expectChain;
 
-// One recorded node as a diagram line:
-//   "11 QuantizedConv2d_8x8to32 pad=1 [1:0 2:0 ...] -> [1x3x3x1*4 1x1x1x1*4 ...]"
-//   "4 const 1x1x1x1 f32 127.5"
-// Op nodes name their op ("ZEL_OP_" dropped; codes without a name print as
-// the number), padding, input references and output records (dims * element
-// size). Constants print their dims and their data in the view that
-// `expected` asks for after the dims: "f32", "i32", "u8", "shape" (one zero
-// word) or anything else for "(N bytes)". Refused nodes start with
-// "REFUSED ".
-std::string diagram(const zelsim::RecordedNode& node, const std::string& expected);
-
-// Compares the nodes of `graphId` with `expected`, one line a node.
-void expectChain(int graphId, const std::vector<std::string>& expected);
-
-// True when every node appended to `graphId` was accepted.
-bool allAccepted(int graphId);
+constexpr ExecutionPerformance kSpeed = ExecutionPerformance::SUSTAINED_SPEED;
 
 // Number of append_node plus append_const_node calls since the last reset.
-int appendCalls();
+inline int appendCalls() { return zelsim::callCount("append_node") + zelsim::callCount("append_const_node"); }
+
+// `type` over `ins` into `outs`, with the graph's inputs and outputs.
+void operation(HostGraph& g, OperationType type, const std::vector<uint32_t>& ins, const std::vector<uint32_t>& outs,
+               const std::vector<uint32_t>& graphInputs);
 
 // A graph of one quantized operation, built for both the support query and
 // the lowering, with the node chain it lowers to when its quantized graph
@@ -53,22 +46,19 @@ struct Canonical {
     std::vector<std::string> chain;
 };
 
-// gtest prints a parameter by its name.
 inline void PrintTo(const Canonical& c, std::ostream* os) { *os << c.name; }
 
-// Every canonical graph: one or more per lowering-table row except
-// TRANSPOSE_CONV_2D, which never lowers.
+// One canonical graph per lowering-table row except TRANSPOSE_CONV_2D,
+// which never lowers.
 const std::vector<Canonical>& canonicalGraphs();
+const Canonical& canonical(const std::string& name);
 
 // Resets the simulator and captures the log for each test.
 class LoweringTest : public ::testing::Test {
 protected:
     void SetUp() override { zelsim::reset(); }
 
-    // A model over `graph`; the test owns it.
-    std::unique_ptr<ZelModel> build(HostGraph& graph) {
-        return std::unique_ptr<ZelModel>(ZelModel::create(&graph));
-    }
+    std::unique_ptr<ZelModel> build(HostGraph& graph) { return std::unique_ptr<ZelModel>(ZelModel::create(&graph)); }
 
     // A model over `graph` with a fresh runtime graph and its input node,
     // ready for lowering functions to be called directly; `beforeInputs`
@@ -76,8 +66,7 @@ protected:
     std::unique_ptr<ZelModel> attached(HostGraph& graph,
                                        const std::function<void(ZelModel&)>& beforeInputs = nullptr);
 
-    // Error lines with their location stripped.
-    std::vector<std::string> errorTexts() const;
+    std::vector<std::string> errorTexts() const { return zeltest::errorTexts(log); }
 
     zeltest::LogCapture log;
 };

@@ -36,7 +36,9 @@ using zeltest::expectChain;
 // {src_id, output_idx}, for comparing references at a glance.
 using Ref = std::pair<uint32_t, uint32_t>;
 
-inline Ref ref(const input& in) { return {in.src_id, in.output_idx}; }
+inline Ref ref(const input& in) {
+    return {in.src_id, in.output_idx};
+}
 
 inline float floatOf(const std::vector<uint8_t>& bytes) {
     float value = 0.0f;

@@ -136,8 +136,8 @@ TEST_F(Prepare, LoweringFailuresClearTheModel) {
         HostGraph g;
         const uint32_t a = g.addOperand(row.operandType, {1, 2}, 0.5f, 0, Lifetime::Input);
         const uint32_t out = g.addOperand(row.operandType, {1, 2}, 0.5f, 0, Lifetime::Output);
-        g.addOperation(row.type, row.inputs == 3 ? std::vector<uint32_t>{a, a, g.addInt32(0)} : std::vector<uint32_t>{a},
-                       {out});
+        g.addOperation(row.type,
+                       row.inputs == 3 ? std::vector<uint32_t>{a, a, g.addInt32(0)} : std::vector<uint32_t>{a}, {out});
         g.setInputs({a});
         g.setOutputs({out});
         auto model = build(g);
@@ -165,10 +165,11 @@ TEST_F(Prepare, VendorLstmPreprocessingChecksInOrder) {
         uint32_t input5Size, output1Size;
     };
     const Row rows[] = {
-        {5, kByte, 4, kByte, kByte, "failed 6 == operation->getNumInputs() (6 == 5): OEM LSTM op requires 6 inputs", 0, 1},
-        {6, kQuant, 4, kByte, kByte, "OEM LSTM op input 5 must be in type TENSOR_CUSTOM_BYTE", 1, 1},
-        {6, kByte, 3, kByte, kByte, "failed 4 == operation->getNumOutputs() (4 == 3): OEM LSTM op requires 4 outputs", 2,
+        {5, kByte, 4, kByte, kByte, "failed 6 == operation->getNumInputs() (6 == 5): OEM LSTM op requires 6 inputs", 0,
          1},
+        {6, kQuant, 4, kByte, kByte, "OEM LSTM op input 5 must be in type TENSOR_CUSTOM_BYTE", 1, 1},
+        {6, kByte, 3, kByte, kByte, "failed 4 == operation->getNumOutputs() (4 == 3): OEM LSTM op requires 4 outputs",
+         2, 1},
         {6, kByte, 4, kQuant, kByte, "OEM LSTM op output 1 must be in type TENSOR_CUSTOM_BYTE", 2, 1},
         {6, kByte, 4, kByte, kQuant, "OEM LSTM op output 3 must be in type TENSOR_CUSTOM_BYTE", 2, 2},
     };

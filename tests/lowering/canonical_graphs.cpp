@@ -37,7 +37,8 @@ void activation(HostGraph& g, OperationType type) {
 std::vector<Canonical> makeGraphs() {
     std::vector<Canonical> graphs;
 
-    graphs.push_back({"add_relu", [](HostGraph& g) { elementWise(g, OperationType::ADD, 1); },
+    graphs.push_back({"add_relu",
+                      [](HostGraph& g) { elementWise(g, OperationType::ADD, 1); },
                       {
                           "1 INPUT pad=0 [] -> [1x2x2x1*1 1x2x2x1*1]",
                           "2 " IN_RANGE,
@@ -52,7 +53,8 @@ std::vector<Canonical> makeGraphs() {
                           "11 OUTPUT pad=0 [10:0] -> []",
                       }});
 
-    graphs.push_back({"sub_relu1", [](HostGraph& g) { elementWise(g, OperationType::SUB, 2); },
+    graphs.push_back({"sub_relu1",
+                      [](HostGraph& g) { elementWise(g, OperationType::SUB, 2); },
                       {
                           "1 INPUT pad=0 [] -> [1x2x2x1*1 1x2x2x1*1]",
                           "2 " IN_RANGE,
@@ -70,73 +72,70 @@ std::vector<Canonical> makeGraphs() {
                       }});
 
     // Implicit SAME padding, stride w 2 / h 1, two output channels, RELU6.
-    graphs.push_back({"conv_implicit_relu6",
-                      [](HostGraph& g) {
-                          const uint32_t in = g.addQuant8({1, 3, 3, 1}, 0.5f, 0, Lifetime::Input);
-                          const uint32_t filter = g.addQuant8({2, 2, 2, 1}, 0.5f, 0, Lifetime::Constant, kEight);
-                          const uint32_t bias = g.addInt32Tensor({2}, 0.25f, {4, 8});
-                          const std::vector<uint32_t> scalars = {g.addInt32(1), g.addInt32(2), g.addInt32(1),
-                                                                 g.addInt32(3)};
-                          operation(g, OperationType::CONV_2D,
-                                    {in, filter, bias, scalars[0], scalars[1], scalars[2], scalars[3]},
-                                    {g.addQuant8({1, 3, 2, 2}, 1.0f, 0, Lifetime::Output)}, {in});
-                      },
-                      {
-                          "1 INPUT pad=0 [] -> [1x3x3x1*1]",
-                          "2 const 2x2x1x2 u8 1 5 2 6 3 7 4 8",
-                          "3 const 1x1x1x2 i32 4 8",
-                          "4 " IN_RANGE,
-                          "5 " IN_RANGE_MAX,
-                          "6 " IN_RANGE,
-                          "7 " IN_RANGE_MAX,
-                          "8 " BIAS_MIN,
-                          "9 " BIAS_MAX,
-                          "10 const 1x1x2x1 shape",
-                          "11 QuantizedConv2d_8x8to32 pad=1 [1:0 2:0 4:0 5:0 6:0 7:0 10:0] -> [1x3x2x2*4 " RANGES "]",
-                          "12 QuantizedBiasAdd_32p32to32 pad=0 [11:0 3:0 11:1 11:2 8:0 9:0] -> [1x3x2x2*4 " RANGES
-                          "]",
-                          "13 " OUT_MIN,
-                          "14 " OUT_MAX,
-                          "15 Requantize_32to8 pad=0 [12:0 12:1 12:2 13:0 14:0] -> [1x3x2x2*1 " RANGES "]",
-                          "16 const 1x1x1x1 f32 6",
-                          "17 QuantizedReluX_8 pad=0 [15:0 15:1 15:2 16:0] -> [1x3x2x2*1 " RANGES "]",
-                          "18 OUTPUT pad=0 [17:0] -> []",
-                      }});
+    graphs.push_back(
+        {"conv_implicit_relu6",
+         [](HostGraph& g) {
+             const uint32_t in = g.addQuant8({1, 3, 3, 1}, 0.5f, 0, Lifetime::Input);
+             const uint32_t filter = g.addQuant8({2, 2, 2, 1}, 0.5f, 0, Lifetime::Constant, kEight);
+             const uint32_t bias = g.addInt32Tensor({2}, 0.25f, {4, 8});
+             const std::vector<uint32_t> scalars = {g.addInt32(1), g.addInt32(2), g.addInt32(1), g.addInt32(3)};
+             operation(g, OperationType::CONV_2D, {in, filter, bias, scalars[0], scalars[1], scalars[2], scalars[3]},
+                       {g.addQuant8({1, 3, 2, 2}, 1.0f, 0, Lifetime::Output)}, {in});
+         },
+         {
+             "1 INPUT pad=0 [] -> [1x3x3x1*1]",
+             "2 const 2x2x1x2 u8 1 5 2 6 3 7 4 8",
+             "3 const 1x1x1x2 i32 4 8",
+             "4 " IN_RANGE,
+             "5 " IN_RANGE_MAX,
+             "6 " IN_RANGE,
+             "7 " IN_RANGE_MAX,
+             "8 " BIAS_MIN,
+             "9 " BIAS_MAX,
+             "10 const 1x1x2x1 shape",
+             "11 QuantizedConv2d_8x8to32 pad=1 [1:0 2:0 4:0 5:0 6:0 7:0 10:0] -> [1x3x2x2*4 " RANGES "]",
+             "12 QuantizedBiasAdd_32p32to32 pad=0 [11:0 3:0 11:1 11:2 8:0 9:0] -> [1x3x2x2*4 " RANGES "]",
+             "13 " OUT_MIN,
+             "14 " OUT_MAX,
+             "15 Requantize_32to8 pad=0 [12:0 12:1 12:2 13:0 14:0] -> [1x3x2x2*1 " RANGES "]",
+             "16 const 1x1x1x1 f32 6",
+             "17 QuantizedReluX_8 pad=0 [15:0 15:1 15:2 16:0] -> [1x3x2x2*1 " RANGES "]",
+             "18 OUTPUT pad=0 [17:0] -> []",
+         }});
 
     // Explicit paddings 0/1/0/1 match SAME; depth multiplier 2. The filter
     // is made after the range nodes and keeps its bytes.
-    graphs.push_back({"depthwise_explicit_same",
-                      [](HostGraph& g) {
-                          const uint32_t in = g.addQuant8({1, 3, 3, 1}, 0.5f, 0, Lifetime::Input);
-                          const uint32_t filter = g.addQuant8({1, 2, 2, 2}, 0.5f, 0, Lifetime::Constant, kEight);
-                          const uint32_t bias = g.addInt32Tensor({2}, 0.25f, {4, 8});
-                          const uint32_t zero = g.addInt32(0);
-                          const uint32_t one = g.addInt32(1);
-                          const uint32_t two = g.addInt32(2);
-                          operation(g, OperationType::DEPTHWISE_CONV_2D,
-                                    {in, filter, bias, zero, one, zero, one, one, one, two, zero},
-                                    {g.addQuant8({1, 3, 3, 2}, 1.0f, 0, Lifetime::Output)}, {in});
-                      },
-                      {
-                          "1 INPUT pad=0 [] -> [1x3x3x1*1]",
-                          "2 const 1x1x1x2 i32 4 8",
-                          "3 " IN_RANGE,
-                          "4 " IN_RANGE_MAX,
-                          "5 " IN_RANGE,
-                          "6 " IN_RANGE_MAX,
-                          "7 " BIAS_MIN,
-                          "8 " BIAS_MAX,
-                          "9 const 2x2x1x2 u8 1 2 3 4 5 6 7 8",
-                          "10 const 1x1x1x1 shape",
-                          "11 QuantizedDepthwiseConv2d_8x8to32 pad=1 [1:0 9:0 3:0 4:0 5:0 6:0 10:0] -> [1x3x3x2*4 " RANGES
-                          "]",
-                          "12 QuantizedBiasAdd_32p32to32 pad=0 [11:0 2:0 11:1 11:2 7:0 8:0] -> [1x3x3x2*4 " RANGES
-                          "]",
-                          "13 " OUT_MIN,
-                          "14 " OUT_MAX,
-                          "15 Requantize_32to8 pad=0 [12:0 12:1 12:2 13:0 14:0] -> [1x3x3x2*1 " RANGES "]",
-                          "16 OUTPUT pad=0 [15:0] -> []",
-                      }});
+    graphs.push_back(
+        {"depthwise_explicit_same",
+         [](HostGraph& g) {
+             const uint32_t in = g.addQuant8({1, 3, 3, 1}, 0.5f, 0, Lifetime::Input);
+             const uint32_t filter = g.addQuant8({1, 2, 2, 2}, 0.5f, 0, Lifetime::Constant, kEight);
+             const uint32_t bias = g.addInt32Tensor({2}, 0.25f, {4, 8});
+             const uint32_t zero = g.addInt32(0);
+             const uint32_t one = g.addInt32(1);
+             const uint32_t two = g.addInt32(2);
+             operation(g, OperationType::DEPTHWISE_CONV_2D,
+                       {in, filter, bias, zero, one, zero, one, one, one, two, zero},
+                       {g.addQuant8({1, 3, 3, 2}, 1.0f, 0, Lifetime::Output)}, {in});
+         },
+         {
+             "1 INPUT pad=0 [] -> [1x3x3x1*1]",
+             "2 const 1x1x1x2 i32 4 8",
+             "3 " IN_RANGE,
+             "4 " IN_RANGE_MAX,
+             "5 " IN_RANGE,
+             "6 " IN_RANGE_MAX,
+             "7 " BIAS_MIN,
+             "8 " BIAS_MAX,
+             "9 const 2x2x1x2 u8 1 2 3 4 5 6 7 8",
+             "10 const 1x1x1x1 shape",
+             "11 QuantizedDepthwiseConv2d_8x8to32 pad=1 [1:0 9:0 3:0 4:0 5:0 6:0 10:0] -> [1x3x3x2*4 " RANGES "]",
+             "12 QuantizedBiasAdd_32p32to32 pad=0 [11:0 2:0 11:1 11:2 7:0 8:0] -> [1x3x3x2*4 " RANGES "]",
+             "13 " OUT_MIN,
+             "14 " OUT_MAX,
+             "15 Requantize_32to8 pad=0 [12:0 12:1 12:2 13:0 14:0] -> [1x3x3x2*1 " RANGES "]",
+             "16 OUTPUT pad=0 [15:0] -> []",
+         }});
 
     // Weights [2 units, 4 inputs] become the 4x2 transpose.
     graphs.push_back({"fully_connected_relu6",
@@ -159,8 +158,7 @@ std::vector<Canonical> makeGraphs() {
                           "8 " BIAS_MIN,
                           "9 " BIAS_MAX,
                           "10 QuantizedMatMul_8x8to32 pad=0 [1:0 2:0 4:0 5:0 6:0 7:0] -> [1x1x1x2*4 " RANGES "]",
-                          "11 QuantizedBiasAdd_32p32to32 pad=0 [10:0 3:0 10:1 10:2 8:0 9:0] -> [1x1x1x2*4 " RANGES
-                          "]",
+                          "11 QuantizedBiasAdd_32p32to32 pad=0 [10:0 3:0 10:1 10:2 8:0 9:0] -> [1x1x1x2*4 " RANGES "]",
                           "12 " OUT_MIN,
                           "13 " OUT_MAX,
                           "14 Requantize_32to8 pad=0 [11:0 11:1 11:2 12:0 13:0] -> [1x1x1x2*1 " RANGES "]",
@@ -231,7 +229,8 @@ std::vector<Canonical> makeGraphs() {
                           "8 OUTPUT pad=0 [7:0] -> []",
                       }});
 
-    graphs.push_back({"relu", [](HostGraph& g) { activation(g, OperationType::RELU); },
+    graphs.push_back({"relu",
+                      [](HostGraph& g) { activation(g, OperationType::RELU); },
                       {
                           "1 INPUT pad=0 [] -> [1x2x2x1*1]",
                           "2 const 1x1x1x1 f32 -64",
@@ -240,7 +239,8 @@ std::vector<Canonical> makeGraphs() {
                           "5 OUTPUT pad=0 [4:0] -> []",
                       }});
 
-    graphs.push_back({"relu1", [](HostGraph& g) { activation(g, OperationType::RELU1); },
+    graphs.push_back({"relu1",
+                      [](HostGraph& g) { activation(g, OperationType::RELU1); },
                       {
                           "1 INPUT pad=0 [] -> [1x2x2x1*1]",
                           "2 const 1x1x1x1 f32 -64",
@@ -251,7 +251,8 @@ std::vector<Canonical> makeGraphs() {
                           "7 OUTPUT pad=0 [6:0] -> []",
                       }});
 
-    graphs.push_back({"relu6", [](HostGraph& g) { activation(g, OperationType::RELU6); },
+    graphs.push_back({"relu6",
+                      [](HostGraph& g) { activation(g, OperationType::RELU6); },
                       {
                           "1 INPUT pad=0 [] -> [1x2x2x1*1]",
                           "2 const 1x1x1x1 f32 -64",
@@ -261,39 +262,40 @@ std::vector<Canonical> makeGraphs() {
                           "6 OUTPUT pad=0 [5:0] -> []",
                       }});
 
-    graphs.push_back({"prelu",
-                      [](HostGraph& g) {
-                          const uint32_t in = g.addQuant8({1, 2, 2, 1}, 0.5f, 128, Lifetime::Input);
-                          const uint32_t alpha = g.addQuant8({1, 2, 2, 1}, 0.25f, 128, Lifetime::Constant, {1, 2, 3, 4});
-                          operation(g, OperationType::PRELU, {in, alpha},
-                                    {g.addQuant8({1, 2, 2, 1}, 0.5f, 128, Lifetime::Output)}, {in});
-                      },
-                      {
-                          "1 INPUT pad=0 [] -> [1x2x2x1*1]",
-                          "2 const 1x2x2x1 u8 1 2 3 4",
-                          "3 const 1x1x1x1 f32 -64",
-                          "4 const 1x1x1x1 f32 63.5",
-                          "5 const 1x1x1x1 f32 -32",
-                          "6 const 1x1x1x1 f32 31.75",
-                          "7 353 pad=0 [1:0 2:0 3:0 4:0 5:0 6:0] -> [1x2x2x1*1 " RANGES "]",
-                          "8 OUTPUT pad=0 [7:0] -> []",
-                      }});
+    graphs.push_back(
+        {"prelu",
+         [](HostGraph& g) {
+             const uint32_t in = g.addQuant8({1, 2, 2, 1}, 0.5f, 128, Lifetime::Input);
+             const uint32_t alpha = g.addQuant8({1, 2, 2, 1}, 0.25f, 128, Lifetime::Constant, {1, 2, 3, 4});
+             operation(g, OperationType::PRELU, {in, alpha}, {g.addQuant8({1, 2, 2, 1}, 0.5f, 128, Lifetime::Output)},
+                       {in});
+         },
+         {
+             "1 INPUT pad=0 [] -> [1x2x2x1*1]",
+             "2 const 1x2x2x1 u8 1 2 3 4",
+             "3 const 1x1x1x1 f32 -64",
+             "4 const 1x1x1x1 f32 63.5",
+             "5 const 1x1x1x1 f32 -32",
+             "6 const 1x1x1x1 f32 31.75",
+             "7 353 pad=0 [1:0 2:0 3:0 4:0 5:0 6:0] -> [1x2x2x1*1 " RANGES "]",
+             "8 OUTPUT pad=0 [7:0] -> []",
+         }});
 
-    graphs.push_back({"reshape",
-                      [](HostGraph& g) {
-                          const uint32_t in = g.addQuant8({1, 2, 2, 1}, 0.5f, 0, Lifetime::Input);
-                          const uint32_t shape = g.addInt32Tensor({2}, 0.0f, {1, 4});
-                          operation(g, OperationType::RESHAPE, {in, shape},
-                                    {g.addQuant8({1, 4}, 0.5f, 0, Lifetime::Output)}, {in});
-                      },
-                      {
-                          "1 INPUT pad=0 [] -> [1x2x2x1*1]",
-                          "2 const 1x1x1x2 i32 1 4",
-                          "3 " IN_RANGE,
-                          "4 " IN_RANGE_MAX,
-                          "5 QuantizedReshape pad=0 [1:0 2:0 3:0 4:0] -> [1x1x1x4*1 " RANGES "]",
-                          "6 OUTPUT pad=0 [5:0] -> []",
-                      }});
+    graphs.push_back(
+        {"reshape",
+         [](HostGraph& g) {
+             const uint32_t in = g.addQuant8({1, 2, 2, 1}, 0.5f, 0, Lifetime::Input);
+             const uint32_t shape = g.addInt32Tensor({2}, 0.0f, {1, 4});
+             operation(g, OperationType::RESHAPE, {in, shape}, {g.addQuant8({1, 4}, 0.5f, 0, Lifetime::Output)}, {in});
+         },
+         {
+             "1 INPUT pad=0 [] -> [1x2x2x1*1]",
+             "2 const 1x1x1x2 i32 1 4",
+             "3 " IN_RANGE,
+             "4 " IN_RANGE_MAX,
+             "5 QuantizedReshape pad=0 [1:0 2:0 3:0 4:0] -> [1x1x1x4*1 " RANGES "]",
+             "6 OUTPUT pad=0 [5:0] -> []",
+         }});
 
     // Host order width 3, height 4; the size constant holds {height, width}.
     graphs.push_back({"resize_bilinear",

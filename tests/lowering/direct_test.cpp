@@ -29,13 +29,23 @@ struct DirectCase {
     std::vector<std::string> chain;  // after the input node (id 1)
 };
 
-void PrintTo(const DirectCase& c, std::ostream* os) { *os << c.label; }
+void PrintTo(const DirectCase& c, std::ostream* os) {
+    *os << c.label;
+}
 
 // Quantized graph values of range [-64, 63.5], float graph values.
-uint32_t q8In(HostGraph& g, std::vector<uint32_t> dims) { return g.addQuant8(dims, 0.5f, 128, Lifetime::Input); }
-uint32_t q8Out(HostGraph& g, std::vector<uint32_t> dims) { return g.addQuant8(dims, 0.5f, 128, Lifetime::Output); }
-uint32_t f32In(HostGraph& g, std::vector<uint32_t> dims) { return g.addFloatTensor(dims, Lifetime::Input); }
-uint32_t f32Out(HostGraph& g, std::vector<uint32_t> dims) { return g.addFloatTensor(dims, Lifetime::Output); }
+uint32_t q8In(HostGraph& g, std::vector<uint32_t> dims) {
+    return g.addQuant8(dims, 0.5f, 128, Lifetime::Input);
+}
+uint32_t q8Out(HostGraph& g, std::vector<uint32_t> dims) {
+    return g.addQuant8(dims, 0.5f, 128, Lifetime::Output);
+}
+uint32_t f32In(HostGraph& g, std::vector<uint32_t> dims) {
+    return g.addFloatTensor(dims, Lifetime::Input);
+}
+uint32_t f32Out(HostGraph& g, std::vector<uint32_t> dims) {
+    return g.addFloatTensor(dims, Lifetime::Output);
+}
 
 // One data input `in`, the given extra operands, one output.
 Op unaryOp(HostGraph& g, uint32_t in, std::vector<uint32_t> extra, uint32_t out) {
@@ -72,7 +82,9 @@ std::vector<DirectCase> quant8Cases() {
         // Upper bound: 0.5 * (256 - 128).
         {"logistic",
          q8::logistic,
-         [](HostGraph& g) { return unaryOp(g, q8In(g, {1, 2, 2, 1}), {}, q8Out(g, {1, 2, 2, 1})); },
+         [](HostGraph& g) {
+             return unaryOp(g, q8In(g, {1, 2, 2, 1}), {}, q8Out(g, {1, 2, 2, 1}));
+         },
          {
              "2 const 1x1x1x1 f32 -64",
              "3 const 1x1x1x1 f32 64",
@@ -181,7 +193,9 @@ std::vector<DirectCase> floatCases() {
     const std::vector<float> eight = {1, 2, 3, 4, 5, 6, 7, 8};
 
     return {
-        {"add_relu", f32::add, elementWise(1),
+        {"add_relu",
+         f32::add,
+         elementWise(1),
          {"2 66 pad=0 [1:0 1:1] -> [1x2x2x1*4]", "3 49 pad=0 [2:0] -> [1x2x2x1*4]"}},
         {"mul_relu1",
          f32::mul,
@@ -257,8 +271,7 @@ std::vector<DirectCase> floatCases() {
              const uint32_t zero = g.addInt32(0);
              const uint32_t one = g.addInt32(1);
              const uint32_t two = g.addInt32(2);
-             return unaryOp(g, in, {filter, bias, zero, one, zero, one, one, one, two, zero},
-                            f32Out(g, {1, 3, 3, 2}));
+             return unaryOp(g, in, {filter, bias, zero, one, zero, one, one, one, two, zero}, f32Out(g, {1, 3, 3, 2}));
          },
          {
              "2 const 1x1x1x2 f32 0.5 1",
@@ -313,9 +326,13 @@ std::vector<DirectCase> floatCases() {
          f32::relu1,
          unary,
          {"2 const 1x1x1x1 f32 -1", "3 const 1x1x1x1 f32 1", "4 169 pad=0 [1:0 2:0 3:0] -> [1x2x2x1*4]"}},
-        {"transpose", f32::transpose, withTensor({1, 2, 3, 1}, {4}, {0, 2, 1, 3}, {1, 3, 2, 1}),
+        {"transpose",
+         f32::transpose,
+         withTensor({1, 2, 3, 1}, {4}, {0, 2, 1, 3}, {1, 3, 2, 1}),
          {"2 const 1x1x1x4 i32 0 2 1 3", "3 244 pad=0 [1:0 2:0] -> [1x3x2x1*4]"}},
-        {"squeeze", f32::squeeze, withTensor({1, 2, 1, 2}, {1}, {2}, {1, 2, 2}),
+        {"squeeze",
+         f32::squeeze,
+         withTensor({1, 2, 1, 2}, {1}, {2}, {1, 2, 2}),
          {"2 const 1x1x1x3 i32 1 2 2", "3 59 pad=0 [1:0 2:0] -> [1x1x2x2*4]"}},
         {"resize_bilinear",
          f32::resize_bilinear,
@@ -325,7 +342,9 @@ std::vector<DirectCase> floatCases() {
              return unaryOp(g, in, size, f32Out(g, {1, 4, 3, 1}));
          },
          {"2 const 1x1x1x2 i32 4 3", "3 135 pad=0 [1:0 2:0] -> [1x4x3x1*4]"}},
-        {"batch_to_space_nd", f32::batch_to_space_nd, withTensor({4, 1, 1, 1}, {2}, {2, 2}, {1, 2, 2, 1}),
+        {"batch_to_space_nd",
+         f32::batch_to_space_nd,
+         withTensor({4, 1, 1, 1}, {2}, {2, 2}, {1, 2, 2, 1}),
          {
              "2 const 1x1x1x2 i32 2 2",
              "3 const 1x1x2x2 i32 0 0 0 0",

@@ -22,7 +22,9 @@ struct CountCase {
     const char* message;
 };
 
-void PrintTo(const CountCase& c, std::ostream* os) { *os << c.label; }
+void PrintTo(const CountCase& c, std::ostream* os) {
+    *os << c.label;
+}
 
 class CountTest : public LoweringTest, public ::testing::WithParamInterface<CountCase> {};
 

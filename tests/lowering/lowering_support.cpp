@@ -20,8 +20,7 @@ const Canonical& canonical(const std::string& name) {
     throw std::runtime_error("no canonical graph " + name);
 }
 
-std::unique_ptr<ZelModel> LoweringTest::attached(HostGraph& graph,
-                                                 const std::function<void(ZelModel&)>& beforeInputs) {
+std::unique_ptr<ZelModel> LoweringTest::attached(HostGraph& graph, const std::function<void(ZelModel&)>& beforeInputs) {
     std::unique_ptr<ZelModel> model = build(graph);
     if (!model) {
         ADD_FAILURE() << "the graph does not build";

@@ -31,7 +31,9 @@ using zeltest::expectChain;
 constexpr ExecutionPerformance kSpeed = ExecutionPerformance::SUSTAINED_SPEED;
 
 // Number of append_node plus append_const_node calls since the last reset.
-inline int appendCalls() { return zelsim::callCount("append_node") + zelsim::callCount("append_const_node"); }
+inline int appendCalls() {
+    return zelsim::callCount("append_node") + zelsim::callCount("append_const_node");
+}
 
 // `type` over `ins` into `outs`, with the graph's inputs and outputs.
 void operation(HostGraph& g, OperationType type, const std::vector<uint32_t>& ins, const std::vector<uint32_t>& outs,
@@ -46,7 +48,9 @@ struct Canonical {
     std::vector<std::string> chain;
 };
 
-inline void PrintTo(const Canonical& c, std::ostream* os) { *os << c.name; }
+inline void PrintTo(const Canonical& c, std::ostream* os) {
+    *os << c.name;
+}
 
 // One canonical graph per lowering-table row except TRANSPOSE_CONV_2D,
 // which never lowers.
@@ -63,8 +67,7 @@ protected:
     // A model over `graph` with a fresh runtime graph and its input node,
     // ready for lowering functions to be called directly; `beforeInputs`
     // runs on the model before the input node is made.
-    std::unique_ptr<ZelModel> attached(HostGraph& graph,
-                                       const std::function<void(ZelModel&)>& beforeInputs = nullptr);
+    std::unique_ptr<ZelModel> attached(HostGraph& graph, const std::function<void(ZelModel&)>& beforeInputs = nullptr);
 
     std::vector<std::string> errorTexts() const { return zeltest::errorTexts(log); }
 

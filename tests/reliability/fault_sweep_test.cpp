@@ -106,15 +106,14 @@ void buildWithFault(IAccelerator& accelerator, IGraph& graph, const std::string&
     const bool appending = entry == "append_const_node" || entry == "append_node";
     const size_t cleared = logs.count("Something went wrong. Clearing the model and aborting.");
     EXPECT_EQ(cleared, appending ? 1u : 0u);
-    if (entry == "init") {
-        EXPECT_EQ(logs.countContaining("failed 0 == mModelPrepareErrorCode (0 == 5): Zel could not allocate new graph"),
-                  1u);
-    } else if (entry == "set_config_params") {
-        EXPECT_EQ(logs.countContaining("(0 == 5): mNnLib->set_config_params() failed"), 1u);
-    } else if (entry == "set_debug_level") {
-        EXPECT_EQ(logs.countContaining("(0 == 5): mNnLib->set_debug_level() failed"), 1u);
-    } else if (entry == "prepare") {
-        EXPECT_EQ(logs.count("mNnLib->prepare() finished, error code: 5"), 1u);
+    const std::map<std::string, std::string> diagnosis = {
+        {"init", "failed 0 == mModelPrepareErrorCode (0 == 5): Zel could not allocate new graph"},
+        {"set_config_params", "(0 == 5): mNnLib->set_config_params() failed"},
+        {"set_debug_level", "(0 == 5): mNnLib->set_debug_level() failed"},
+        {"prepare", "mNnLib->prepare() finished, error code: 5"},
+    };
+    if (diagnosis.count(entry) != 0) {
+        EXPECT_EQ(logs.countContaining(diagnosis.at(entry)), 1u);
     }
 
     // Votes: one up vote once nodes were being appended, matched by one down
@@ -240,16 +239,6 @@ TEST_F(ExecutionFaults, AFailedExecutionIsReportedAndTheNextOneRuns) {
     releaseExecutor();
     EXPECT_EQ(mVotes->downs(), 4u);  // the destructor's clearing
     EXPECT_EQ(mVotes->tokenReleases(), 1u);
-    EXPECT_EQ(reltest::successfulTeardowns(mGraphId), 1);
-    EXPECT_EQ(zelsim::liveGraphs(), 0);
-}
-
-TEST_F(ExecutionFaults, EveryExecutionFailingLeavesNothingBehind) {
-    for (int i = 1; i <= 20; ++i) zelsim::failCall("execute_new", static_cast<unsigned>(i), kFault);
-    for (int i = 0; i < 20; ++i) EXPECT_EQ(execute(), Status::GENERAL_FAILURE);
-    EXPECT_EQ(mVotes->ups(), 21);
-    EXPECT_EQ(mVotes->downs(), 21u);
-    releaseExecutor();
     EXPECT_EQ(reltest::successfulTeardowns(mGraphId), 1);
     EXPECT_EQ(zelsim::liveGraphs(), 0);
 }

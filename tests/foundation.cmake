@@ -26,11 +26,6 @@ zel_add_gtest(foundation_voting_test
   SOURCES foundation/voting_test.cpp
   LIBS zel_core)
 
-zel_add_gtest(foundation_voting_slow_test
-  SOURCES foundation/voting_slow_test.cpp
-  LIBS zel_core
-  LABELS slow)
-
 zel_add_gtest(foundation_frontend_test
   SOURCES foundation/frontend_test.cpp
   LIBS zel_core zelhost zel_kestrel_runtime)

@@ -27,8 +27,9 @@ TEST(BlockShape, DepthToSpaceAndBack) {
     EXPECT_EQ(out.dimensions, (Dims{1, 2, 2, 4}));
 
     // 65536^2 does not fit 32 bits: still a plain refusal.
-    expectRefusal("channels % (blockSize * blockSize) == 0",
-                  [](Shape* o) { return depthToSpacePrepare(q8({1, 1, 1, 8}), 65536, o); });
+    expectRefusal("channels % (blockSize * blockSize) == 0", [](Shape* o) {
+        return depthToSpacePrepare(q8({1, 1, 1, 8}), 65536, o);
+    });
     expectRefusal("blockSize > 0", [](Shape* o) { return spaceToDepthPrepare(q8({1, 4, 4, 1}), -2, o); });
     expectRefusal("width % blockSize == 0", [](Shape* o) { return spaceToDepthPrepare(q8({1, 4, 6, 1}), 4, o); });
 }
@@ -57,10 +58,12 @@ TEST(BlockShape, BatchToSpaceAndBack) {
     const int32_t tall[] = {4, 2};
     const int32_t pads[] = {1, 0, 2, 0};
     const int32_t negative[] = {-1, 0, 0, 0};
-    expectRefusal("blockSizeData[0] >= 1 && blockSizeData[1] >= 1",
-                  [&](Shape* o) { return batchToSpacePrepare(q8({4, 2, 2, 1}), zero, i32({2}), o); });
-    expectRefusal("blockSizeValues != nullptr",
-                  [&](Shape* o) { return batchToSpacePrepare(q8({4, 2, 2, 1}), nullptr, i32({2}), o); });
+    expectRefusal("blockSizeData[0] >= 1 && blockSizeData[1] >= 1", [&](Shape* o) {
+        return batchToSpacePrepare(q8({4, 2, 2, 1}), zero, i32({2}), o);
+    });
+    expectRefusal("blockSizeValues != nullptr", [&](Shape* o) {
+        return batchToSpacePrepare(q8({4, 2, 2, 1}), nullptr, i32({2}), o);
+    });
     expectRefusal("paddedHeight % blockSizeData[0] == 0", [&](Shape* o) {
         return spaceToBatchPrepare(q8({1, 5, 2, 1}), tall, i32({2}), pads, i32({2, 2}), o);
     });
@@ -81,8 +84,9 @@ TEST(LookupShape, EmbeddingAndHashtable) {
     EXPECT_EQ(hits.dimensions, (Dims{4}));
 
     Shape h = untouched();
-    expectRefusal("getNumberOfDimensions(keyShape) == 1",
-                  [&](Shape* o) { return hashtableLookupPrepare(i32({4}), i32({3, 1}), q8({3, 2}), o, &h); });
+    expectRefusal("getNumberOfDimensions(keyShape) == 1", [&](Shape* o) {
+        return hashtableLookupPrepare(i32({4}), i32({3, 1}), q8({3, 2}), o, &h);
+    });
     expectSameRecord(h, untouched());
 }
 
@@ -93,10 +97,12 @@ TEST(PadShape, AddsBothSides) {
     EXPECT_EQ(out.dimensions, (Dims{1, 4, 7, 1}));
 
     const int32_t negative[] = {0, 0, 0, 2, -1, 3, 0, 0};
-    expectRefusal("beforePadding >= 0 && afterPadding >= 0",
-                  [&](Shape* o) { return padPrepare(q8({1, 2, 3, 1}), negative, i32({4, 2}), o); });
-    expectRefusal("paddingsData != nullptr",
-                  [&](Shape* o) { return padPrepare(q8({1, 2, 3, 1}), nullptr, i32({4, 2}), o); });
+    expectRefusal("beforePadding >= 0 && afterPadding >= 0", [&](Shape* o) {
+        return padPrepare(q8({1, 2, 3, 1}), negative, i32({4, 2}), o);
+    });
+    expectRefusal("paddingsData != nullptr", [&](Shape* o) {
+        return padPrepare(q8({1, 2, 3, 1}), nullptr, i32({4, 2}), o);
+    });
 }
 
 TEST(SqueezeShape, ListedOrAllUnitDimensions) {
@@ -110,8 +116,9 @@ TEST(SqueezeShape, ListedOrAllUnitDimensions) {
     EXPECT_EQ(out.dimensions, (Dims{1}));
 
     const int32_t outOfRange[] = {3};
-    expectRefusal("current >= 0 && current < numInputDims && getSizeOfDimension(input, current) == 1",
-                  [&](Shape* o) { return squeezePrepare(q8({1, 24, 1}), outOfRange, i32({1}), o); });
+    expectRefusal("current >= 0 && current < numInputDims && getSizeOfDimension(input, current) == 1", [&](Shape* o) {
+        return squeezePrepare(q8({1, 24, 1}), outOfRange, i32({1}), o);
+    });
 }
 
 TEST(TransposeShape, PermutesDimensions) {
@@ -121,8 +128,9 @@ TEST(TransposeShape, PermutesDimensions) {
     EXPECT_EQ(out.dimensions, (Dims{4, 2, 3, 5}));
 
     const int32_t bad[] = {2, 0, 4, 1};
-    expectRefusal("permData[idx] >= 0 && permData[idx] < static_cast<int32_t>(numInputDims)",
-                  [&](Shape* o) { return transposePrepare(q8({2, 3, 4, 5}), bad, i32({4}), o); });
+    expectRefusal("permData[idx] >= 0 && permData[idx] < static_cast<int32_t>(numInputDims)", [&](Shape* o) {
+        return transposePrepare(q8({2, 3, 4, 5}), bad, i32({4}), o);
+    });
 }
 
 TEST(MeanShape, ReducesOrKeepsAxes) {
@@ -142,8 +150,9 @@ TEST(MeanShape, ReducesOrKeepsAxes) {
         EXPECT_EQ(out.dimensions, c.expected);
     }
     const int32_t bad[] = {3};
-    expectRefusal("current >= 0 && current < numInputDims",
-                  [&](Shape* o) { return meanPrepare(q8({4, 3, 2}), bad, i32({1}), true, o); });
+    expectRefusal("current >= 0 && current < numInputDims", [&](Shape* o) {
+        return meanPrepare(q8({4, 3, 2}), bad, i32({1}), true, o);
+    });
 }
 
 TEST(StridedSliceShape, BoundsMasksAndShrink) {

@@ -76,14 +76,18 @@ TEST(ShapeInference, WritesTheOutputRecord) {
         {"conv", conv(q8({1, 224, 224, 3}), q8({32, 3, 3, 3}), i32({32})), q8({}, 0.25f, 2),
          q8({1, 112, 112, 32}, 0.25f, 2)},
         // A zero stride yields 0, no trap.
-        {"float conv, zero stride", [](Shape* o) {
+        {"float conv, zero stride",
+         [](Shape* o) {
              return convPrepare(f32({1, 5, 7, 2}), f32({4, 3, 3, 2}), f32({4}), 1, 1, 0, 0, 1, 0, o);
          },
          f32({}), f32({1, 0, 7, 4})},
         // Depth multiplier 2: input depth 2, filter depth 4.
         {"depthwise", depthwise(q8({1, 8, 8, 2}), q8({1, 3, 3, 4}), i32({4})), Shape(), q8({1, 8, 8, 4}, 0.0f)},
         // H: (5 + 0 + 0 + 2 - 3) / 2 = 2, W: (4 + 0 + 1 + 2 - 2) / 2 = 2
-        {"pooling", [](Shape* o) { return genericPoolingPrepare(q8({2, 5, 4, 3}), 0, 1, 0, 0, 2, 2, 2, 3, o); },
+        {"pooling",
+         [](Shape* o) {
+             return genericPoolingPrepare(q8({2, 5, 4, 3}), 0, 1, 0, 0, 2, 2, 2, 3, o);
+         },
          Shape(), q8({2, 2, 2, 3}, 0.0f)},
         {"fully connected flattens to batches", fc(q8({2, 3, 4}), q8({5, 12}), i32({5})), q8({}, 0.25f, 1),
          q8({2, 5}, 0.25f, 1)},
@@ -94,10 +98,21 @@ TEST(ShapeInference, WritesTheOutputRecord) {
          f32({6, 3})},
         {"reshape copies the quantization", reshape({1, 2, 3, 4}, {-1, 6}), q8({}, 0.125f, 9), q8({4, 6}, 0.5f, 0)},
         // No target entries: a one-element tensor becomes rank 0.
-        {"reshape to rank 0", [](Shape* o) { return reshapePrepare(q8({1, 1}), nullptr, 0, o); }, q8({9}), q8({})},
-        {"resize: height then width", [](Shape* o) { return resizeBilinearPrepare(q8({2, 4, 4, 3}), 5, 7, o); },
+        {"reshape to rank 0",
+         [](Shape* o) {
+             return reshapePrepare(q8({1, 1}), nullptr, 0, o);
+         },
+         q8({9}), q8({})},
+        {"resize: height then width",
+         [](Shape* o) {
+             return resizeBilinearPrepare(q8({2, 4, 4, 3}), 5, 7, o);
+         },
          Shape(), q8({2, 7, 5, 3}, 0.0f)},
-        {"dequantize", [](Shape* o) { return dequantizePrepare(q8({3, 4}), o); }, f32({0, 0}), f32({3, 4})},
+        {"dequantize",
+         [](Shape* o) {
+             return dequantizePrepare(q8({3, 4}), o);
+         },
+         f32({0, 0}), f32({3, 4})},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -134,11 +149,17 @@ TEST(ShapeInference, RefusalsLogOneLineAndWriteNothing) {
          nnCheck("getSizeOfDimension(filter, 0) == getSizeOfDimension(bias, 0)")},
         {depthwise(q8({1, 224, 224, 3}), q8({1, 3, 3, 3}), i32({32})),
          nnCheck("getSizeOfDimension(filter, 3) == getSizeOfDimension(bias, 0)")},
-        {[](Shape* o) { return genericPoolingPrepare(q8({5, 4, 3}), 0, 0, 0, 0, 1, 1, 1, 1, o); },
+        {[](Shape* o) {
+             return genericPoolingPrepare(q8({5, 4, 3}), 0, 0, 0, 0, 1, 1, 1, 1, o);
+         },
          nnCheck("getNumberOfDimensions(input) == 4")},
-        {[](Shape* o) { return genericActivationPrepare(q8({1, 1, 2, 3, 4}), o); },
+        {[](Shape* o) {
+             return genericActivationPrepare(q8({1, 1, 2, 3, 4}), o);
+         },
          nnCheck("getNumberOfDimensions(input) <= 4")},
-        {[](Shape* o) { return genericNormalizationPrepare(q8({2, 3, 4}), o); },
+        {[](Shape* o) {
+             return genericNormalizationPrepare(q8({2, 3, 4}), o);
+         },
          nnCheck("getNumberOfDimensions(input) == 4")},
         {fc(q8({2, 3, 4}), f32({5, 12}), i32({5})), nnCheck("input.type == weights.type")},
         {fc(f32({2, 3, 4}), f32({5, 12}), i32({5})), nnCheck("input.type == bias.type")},
@@ -163,7 +184,9 @@ TEST(ShapeInference, RefusalsLogOneLineAndWriteNothing) {
         {reshape({65536}, {65536, 65537}), nnCheck("numInputElements == numOutputElements")},
         {[](Shape* o) { return reshapePrepare(q8({4}), nullptr, 2, o); },
          nnCheck("targetDims != nullptr || targetDimsSize == 0")},
-        {[](Shape* o) { return resizeBilinearPrepare(q8({4, 4, 3}), 5, 7, o); },
+        {[](Shape* o) {
+             return resizeBilinearPrepare(q8({4, 4, 3}), 5, 7, o);
+         },
          nnCheck("getNumberOfDimensions(input) == 4")},
     };
     for (const auto& c : cases) {

@@ -54,13 +54,17 @@ uint32_t OpGraph::int32Tensor(std::vector<uint32_t> dims, const std::vector<int3
     return graph.addInt32Tensor(std::move(dims), 0.0f, values);
 }
 
-uint32_t OpGraph::scalar(int32_t value) { return graph.addInt32(value); }
+uint32_t OpGraph::scalar(int32_t value) {
+    return graph.addInt32(value);
+}
 
 uint32_t OpGraph::emptyScalar() {
     return graph.addOperand(OperandType::SCALAR_INT32, {}, 0.0f, 0, Lifetime::Constant, {});
 }
 
-void OpGraph::setScalar(uint32_t operand, int32_t value) { graph.operand(operand).mData = int32Bytes({value}); }
+void OpGraph::setScalar(uint32_t operand, int32_t value) {
+    graph.operand(operand).mData = int32Bytes({value});
+}
 
 void OpGraph::setInt32s(uint32_t operand, const std::vector<int32_t>& values) {
     graph.operand(operand).mData = int32Bytes(values);
@@ -71,7 +75,9 @@ void OpGraph::setDims(uint32_t operand, std::vector<uint32_t> dims) {
     graph.operand(operand).mDims = std::move(dims);
 }
 
-void OpGraph::setType(uint32_t operand, OperandType elementType) { graph.operand(operand).mType = elementType; }
+void OpGraph::setType(uint32_t operand, OperandType elementType) {
+    graph.operand(operand).mType = elementType;
+}
 
 void OpGraph::makeGraphInput(uint32_t operand) {
     graph.operand(operand).mLifetime = Lifetime::Input;
@@ -95,7 +101,9 @@ arv::nnhal::IOperation* OpGraph::operation() {
 
 namespace {
 
-bool same(Form form) { return form == Form::ImplicitSame || form == Form::ExplicitSame; }
+bool same(Form form) {
+    return form == Form::ImplicitSame || form == Form::ExplicitSame;
+}
 
 // Padding and strides of an 8x8 input under a 3x3 window with stride 2:
 // SAME needs one extra column/row, which goes right/bottom.
@@ -118,7 +126,7 @@ std::vector<uint32_t> window(OpGraph& g, Form form, int32_t act) {
     if (g.type == OT::DEPTHWISE_CONV_2D) g.ins.push_back(g.tensorConstant({1, 3, 3, 4}));
     if (!pooling) g.ins.push_back(g.biasConstant({4}, 0.25f));
     windowParams(g, form);
-    if (g.type == OT::DEPTHWISE_CONV_2D) g.ins.push_back(g.scalar(2));  // depth multiplier
+    if (g.type == OT::DEPTHWISE_CONV_2D) g.ins.push_back(g.scalar(2));   // depth multiplier
     if (pooling) g.ins.insert(g.ins.end(), {g.scalar(3), g.scalar(3)});  // filter width, height
     g.ins.push_back(g.scalar(act));
     g.outs = {g.tensorOutput({0, 0, 0, 0})};
@@ -194,8 +202,12 @@ std::vector<uint32_t> canonical(OpGraph& g, Form form, int32_t act) {
             g.outs = {g.tensorOutput(unknown4)};
             return {4, 2, 2, 3};
         case OT::OEM_LSTM:
-            g.ins = {g.tensorInput({1, 8}),        g.tensorInput({1, 4}), g.tensorInput({1, 4}), g.tensorConstant({16, 12}),
-                     g.int32Tensor({16}, std::vector<int32_t>(16, 0)), g.tensorInput({1, 8})};
+            g.ins = {g.tensorInput({1, 8}),
+                     g.tensorInput({1, 4}),
+                     g.tensorInput({1, 4}),
+                     g.tensorConstant({16, 12}),
+                     g.int32Tensor({16}, std::vector<int32_t>(16, 0)),
+                     g.tensorInput({1, 8})};
             g.outs = {g.tensorOutput({1, 4}), g.tensorOutput({1, 8}), g.tensorOutput({1, 4}), g.tensorOutput({1, 8})};
             return {1, 4};  // not inferred: the declared shape stays
         case OT::OEM_SPLIT:

@@ -37,6 +37,18 @@ std::function<void(OpGraph&)> vendor(std::vector<uint32_t> (*inputs)(OpGraph&)) 
         g.outs = {g.tensorOutput({1, 4})};
     };
 }
+std::function<void(OpGraph&)> withInput(int32_t scalar) {
+    return [scalar](OpGraph& g) {
+        canonical(g);
+        g.ins.push_back(g.scalar(scalar));
+    };
+}
+std::function<void(OpGraph&)> withScalar(size_t at, int32_t value) {
+    return [at, value](OpGraph& g) {
+        canonical(g);
+        g.setScalar(g.ins[at], value);
+    };
+}
 std::function<void(HostOperation&)> input(size_t at, uint32_t operand) {
     return [at, operand](HostOperation& op) { op.mInputs[at] = operand; };
 }
@@ -44,52 +56,53 @@ std::function<void(HostOperation&)> input(size_t at, uint32_t operand) {
 const OperandType Q8 = OperandType::TENSOR_QUANT8;
 const std::string kOutside = " refers to operand 999 outside the graph ({N} operands)";
 
+QueryCase query(std::string name, OT type, std::function<void(OpGraph&)> build,
+                std::function<void(HostOperation&)> corrupt, int level, std::vector<std::string> errors,
+                OperandType tensorType = Q8) {
+    return {std::move(name), type, tensorType, std::move(build), std::move(corrupt), level, std::move(errors)};
+}
+
 std::vector<QueryCase> queryCases() {
     return {
-        {"ZeroBatchIsLevel0", OT::CONV_2D, Q8, input0Dims({0, 8, 8, 3}), nullptr, 0, {}},
-        {"ZeroInNonBatchDimensionIsLevel2", OT::CONV_2D, Q8, input0Dims({1, 0, 8, 3}), nullptr, 2,
-         {"{CONV_2D, TENSOR_QUANT8} is not supported."}},
+        query("ZeroBatchIsLevel0", OT::CONV_2D, input0Dims({0, 8, 8, 3}), nullptr, 0, {}),
+        query("ZeroInNonBatchDimensionIsLevel2", OT::CONV_2D, input0Dims({1, 0, 8, 3}), nullptr, 2,
+              {"{CONV_2D, TENSOR_QUANT8} is not supported."}),
         // Eight inputs: a check run would log its own line.
-        {"FloatConvIsLevel1WithoutACheck", OT::CONV_2D, OperandType::TENSOR_FP32,
-         [](OpGraph& g) {
-             canonical(g);
-             g.ins.push_back(g.scalar(0));
-         },
-         nullptr, 1, {"{CONV_2D, TENSOR_FP32} is not supported."}},
-        {"CheckLineComesBeforeTheSummary", OT::CONV_2D, Q8,
-         [](OpGraph& g) {
-             canonical(g);
-             g.setScalar(g.ins[3], 7);
-         },
-         nullptr, 1, {"failed pad != ZEL_NN_PAD_NA (0 != 0): Unknown padding", "{CONV_2D, TENSOR_QUANT8} is not supported."}},
+        query("FloatConvIsLevel1WithoutACheck", OT::CONV_2D, withInput(0), nullptr, 1,
+              {"{CONV_2D, TENSOR_FP32} is not supported."}, OperandType::TENSOR_FP32),
+        query("CheckLineComesBeforeTheSummary", OT::CONV_2D, withScalar(3, 7), nullptr, 1,
+              {"failed pad != ZEL_NN_PAD_NA (0 != 0): Unknown padding", "{CONV_2D, TENSOR_QUANT8} is not supported."}),
         // Registered, but the accelerator has no transposed convolution.
-        {"TransposeConvIsAlwaysLevel1", OT::TRANSPOSE_CONV_2D, Q8, nullptr, nullptr, 1,
-         {"{UNKNOWN_OPERATION_TYPE, TENSOR_QUANT8} is not supported."}},
-        {"OemLstmWithOneInputKeysOnInput0", OT::OEM_LSTM, Q8,
-         vendor([](OpGraph& g) { return std::vector<uint32_t>{g.tensorInput({1, 4})}; }), nullptr, 1,
-         {"{OEM_LSTM, TENSOR_QUANT8} is not supported."}},
-        {"OemLstmKeysOnInput1", OT::OEM_LSTM, Q8,
-         vendor([](OpGraph& g) { return std::vector<uint32_t>{g.tensorInput({1, 4}), g.int32Tensor({1}, {0})}; }),
-         nullptr, 1, {"{OEM_LSTM, TENSOR_INT32} is not supported."}},
-        {"OemSplitKeysOnInput1", OT::OEM_SPLIT, Q8, nullptr, nullptr, 1, {"{OEM_SPLIT, TENSOR_QUANT8} is not supported."}},
+        query("TransposeConvIsAlwaysLevel1", OT::TRANSPOSE_CONV_2D, nullptr, nullptr, 1,
+              {"{UNKNOWN_OPERATION_TYPE, TENSOR_QUANT8} is not supported."}),
+        query("OemLstmWithOneInputKeysOnInput0", OT::OEM_LSTM, vendor([](OpGraph& g) {
+                  return std::vector<uint32_t>{g.tensorInput({1, 4})};
+              }),
+              nullptr, 1, {"{OEM_LSTM, TENSOR_QUANT8} is not supported."}),
+        query("OemLstmKeysOnInput1", OT::OEM_LSTM, vendor([](OpGraph& g) {
+                  return std::vector<uint32_t>{g.tensorInput({1, 4}), g.int32Tensor({1}, {0})};
+              }),
+              nullptr, 1, {"{OEM_LSTM, TENSOR_INT32} is not supported."}),
+        query("OemSplitKeysOnInput1", OT::OEM_SPLIT, nullptr, nullptr, 1,
+              {"{OEM_SPLIT, TENSOR_QUANT8} is not supported."}),
         // Malformed operations: one line from the registry, then the summary.
-        {"InputOutsideTheGraph", OT::CONV_2D, Q8, nullptr, input(1, 999), 1,
-         {"Input 1" + kOutside, "{CONV_2D, TENSOR_QUANT8} is not supported."}},
-        {"Input0OutsideTheGraph", OT::CONV_2D, Q8, nullptr, input(0, 999), 1,
-         {"Input 0" + kOutside, "{CONV_2D, UNKNOWN_OPERAND_TYPE} is not supported."}},
-        {"OemInput1OutsideTheGraph", OT::OEM_SPLIT, Q8, nullptr, input(1, 999), 1,
-         {"Input 1" + kOutside, "{OEM_SPLIT, SCALAR_INT32} is not supported."}},
-        {"OutputOutsideTheGraph", OT::RELU, Q8, nullptr, [](HostOperation& op) { op.mOutputs[0] = 999; }, 1,
-         {"Output 0" + kOutside, "{RELU, TENSOR_QUANT8} is not supported."}},
-        {"NoInputs", OT::RELU, Q8, nullptr, [](HostOperation& op) { op.mInputs.clear(); }, 1,
-         {"Input 0 refers to operand 4294967295 outside the graph ({N} operands)",
-          "{RELU, UNKNOWN_OPERAND_TYPE} is not supported."}},
-        {"ScalarWithoutData", OT::CONV_2D, Q8,
-         [](OpGraph& g) {
-             canonical(g);
-             g.ins[4] = g.emptyScalar();
-         },
-         nullptr, 1, {"Scalar operand 8 has no data", "{CONV_2D, TENSOR_QUANT8} is not supported."}},
+        query("InputOutsideTheGraph", OT::CONV_2D, nullptr, input(1, 999), 1,
+              {"Input 1" + kOutside, "{CONV_2D, TENSOR_QUANT8} is not supported."}),
+        query("Input0OutsideTheGraph", OT::CONV_2D, nullptr, input(0, 999), 1,
+              {"Input 0" + kOutside, "{CONV_2D, UNKNOWN_OPERAND_TYPE} is not supported."}),
+        query("OemInput1OutsideTheGraph", OT::OEM_SPLIT, nullptr, input(1, 999), 1,
+              {"Input 1" + kOutside, "{OEM_SPLIT, SCALAR_INT32} is not supported."}),
+        query("OutputOutsideTheGraph", OT::RELU, nullptr, [](HostOperation& op) { op.mOutputs[0] = 999; }, 1,
+              {"Output 0" + kOutside, "{RELU, TENSOR_QUANT8} is not supported."}),
+        query("NoInputs", OT::RELU, nullptr, [](HostOperation& op) { op.mInputs.clear(); }, 1,
+              {"Input 0 refers to operand 4294967295 outside the graph ({N} operands)",
+               "{RELU, UNKNOWN_OPERAND_TYPE} is not supported."}),
+        query("ScalarWithoutData", OT::CONV_2D,
+              [](OpGraph& g) {
+                  canonical(g);
+                  g.ins[4] = g.emptyScalar();
+              },
+              nullptr, 1, {"Scalar operand 8 has no data", "{CONV_2D, TENSOR_QUANT8} is not supported."}),
     };
 }
 

@@ -181,16 +181,19 @@ TEST_P(CreateFailure, GivesItsStatusWithoutAnExecutor) {
     EXPECT_EQ(zelsim::liveGraphs(), 0) << "a failed graph is torn down";
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Faults, CreateFailure,
-    testing::Values(
-        // Unavailable before the build: nothing reaches the runtime.
-        CreateCase{"RuntimeUnavailable", {}, true, Status::ACCELERATOR_UNAVAILABLE, 0, false},
-        // Refused on a healthy runtime (probed again after the failure).
-        CreateCase{"PrepareRefused", {{"prepare", 1}}, false, Status::GENERAL_FAILURE, 1, true},
-        CreateCase{"RuntimeLostDuringTheBuild", {{"prepare", 1}, {"version", 2}}, false,
-                   Status::ACCELERATOR_UNAVAILABLE, 1, false}),
-    [](const testing::TestParamInfo<CreateCase>& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(Faults, CreateFailure,
+                         testing::Values(
+                             // Unavailable before the build: nothing reaches the runtime.
+                             CreateCase{"RuntimeUnavailable", {}, true, Status::ACCELERATOR_UNAVAILABLE, 0, false},
+                             // Refused on a healthy runtime (probed again after the failure).
+                             CreateCase{"PrepareRefused", {{"prepare", 1}}, false, Status::GENERAL_FAILURE, 1, true},
+                             CreateCase{"RuntimeLostDuringTheBuild",
+                                        {{"prepare", 1}, {"version", 2}},
+                                        false,
+                                        Status::ACCELERATOR_UNAVAILABLE,
+                                        1,
+                                        false}),
+                         [](const testing::TestParamInfo<CreateCase>& info) { return std::string(info.param.name); });
 
 // --- execution -------------------------------------------------------------------------
 
@@ -250,18 +253,18 @@ const std::vector<std::string> kFinished = {"In ZelExecutor::execute()", "model-
 
 INSTANTIATE_TEST_SUITE_P(
     Faults, Execution,
-    testing::Values(ExecuteCase{"Success", {}, false, Status::SUCCESS, kFinished},
-                    ExecuteCase{"RuntimeGoneBeforeTheCall", {}, true, Status::ACCELERATOR_UNAVAILABLE,
-                                {"In ZelExecutor::execute()"}},
-                    // A failure on a healthy runtime still says "finished".
-                    ExecuteCase{"FailureOnAHealthyRuntime", {{"execute_new", 1}}, false, Status::GENERAL_FAILURE,
-                                kFinished},
-                    ExecuteCase{"RuntimeGoneAfterTheFailure",
-                                {{"execute_new", 1}, {"version", 2}},
-                                false,
-                                Status::ACCELERATOR_UNAVAILABLE,
-                                {"In ZelExecutor::execute()", "model->execute(mGraph) failed, error code: 7",
-                                 "Out ZelExecutor::execute()"}}),
+    testing::Values(
+        ExecuteCase{"Success", {}, false, Status::SUCCESS, kFinished},
+        ExecuteCase{
+            "RuntimeGoneBeforeTheCall", {}, true, Status::ACCELERATOR_UNAVAILABLE, {"In ZelExecutor::execute()"}},
+        // A failure on a healthy runtime still says "finished".
+        ExecuteCase{"FailureOnAHealthyRuntime", {{"execute_new", 1}}, false, Status::GENERAL_FAILURE, kFinished},
+        ExecuteCase{"RuntimeGoneAfterTheFailure",
+                    {{"execute_new", 1}, {"version", 2}},
+                    false,
+                    Status::ACCELERATOR_UNAVAILABLE,
+                    {"In ZelExecutor::execute()", "model->execute(mGraph) failed, error code: 7",
+                     "Out ZelExecutor::execute()"}}),
     [](const testing::TestParamInfo<ExecuteCase>& info) { return std::string(info.param.name); });
 
 TEST_F(WithExecutor, ExecutorBuiltBeforeAResetReportsFailure) {

@@ -133,59 +133,46 @@ TEST(LogChannel, DebugAndErrorUseTheirPriorityAndTheOneTag) {
 
 // --- located check line ------------------------------------------------------------
 
-// Every side is evaluated once, even in the failure line.
-int counted(int* calls, int value) {
-    ++*calls;
-    return value;
+int checkEq(int left, int right) {
+    ZEL_CHECK_EQ(left, right, -1, "Need " << right << " inputs for " << zel::toString(OperationType::CONV_2D));
+    return 0;
 }
-
+bool checkNe(uint32_t count) {
+    ZEL_CHECK_NE(0u, count, false, "failed getLog");
+    return true;
+}
+int checkGe(size_t size) {
+    ZEL_CHECK_GE(size, 3u, 7, "too small");
+    return 0;
+}
 template <typename T, typename Limit>
 bool le(T value, Limit limit) {
     ZEL_CHECK_LE(value, limit, false, "small");
     return true;
 }
+// Every side is evaluated once, even in the failure line.
+int counted(int* calls, int value) {
+    ++*calls;
+    return value;
+}
+int checkOnce(int* calls) {
+    ZEL_CHECK_EQ(counted(calls, 1), 2, -1, "once");
+    return 0;
+}
 
 TEST(LocatedCheck, LogsOneLocatedLineAndReturnsTheFailureValue) {
+    int calls = 0;
     const struct {
         std::function<bool()> failsWithItsValue;  // runs the check: true when it returned its failure value
         std::string text;                         // after the location
     } cases[] = {
-        {[] {
-             const auto check = [](int left, int right) {
-                 ZEL_CHECK_EQ(left, right, -1, "Need " << right << " inputs for " << zel::toString(OperationType::CONV_2D));
-                 return 0;
-             };
-             return check(2, 3) == -1;
-         },
-         "failed left == right (2 == 3): Need 3 inputs for CONV_2D"},
-        {[] {
-             const auto check = [](uint32_t count) {
-                 ZEL_CHECK_NE(0u, count, false, "failed getLog");
-                 return true;
-             };
-             return !check(0);
-         },
-         "failed 0u != count (0 != 0): failed getLog"},
-        {[] {
-             const auto check = [](size_t size) {
-                 ZEL_CHECK_GE(size, 3u, 7, "too small");
-                 return 0;
-             };
-             return check(2) == 7;
-         },
-         "failed size >= 3u (2 >= 3): too small"},
+        {[] { return checkEq(2, 3) == -1; }, "failed left == right (2 == 3): Need 3 inputs for CONV_2D"},
+        {[] { return !checkNe(0); }, "failed 0u != count (0 != 0): failed getLog"},
+        {[] { return checkGe(2) == 7; }, "failed size >= 3u (2 >= 3): too small"},
         {[] { return !le(2.25f, 1.5f); }, "failed value <= limit (2.25 <= 1.5): small"},
         // Mixed signs compare values: -1 is below 3u, 4 is not.
         {[] { return le(-1, 3u) && !le(4, 3u); }, "failed value <= limit (4 <= 3): small"},
-        {[] {
-             int calls = 0;
-             const auto check = [&calls] {
-                 ZEL_CHECK_EQ(counted(&calls, 1), 2, -1, "once");
-                 return 0;
-             };
-             return check() == -1 && calls == 1;
-         },
-         "failed counted(&calls, 1) == 2 (1 == 2): once"},
+        {[&calls] { return checkOnce(&calls) == -1 && calls == 1; }, "failed counted(calls, 1) == 2 (1 == 2): once"},
     };
     for (const auto& c : cases) {
         zeltest::LogCapture log;
@@ -202,8 +189,10 @@ TEST(LocatedCheck, LogsOneLocatedLineAndReturnsTheFailureValue) {
 
 TEST(LocatedCheck, PassingChecksLogNothing) {
     zeltest::LogCapture log;
+    EXPECT_EQ(checkEq(4, 4), 0);
+    EXPECT_TRUE(checkNe(3));
+    EXPECT_EQ(checkGe(3), 0);
     EXPECT_TRUE(le(1.5f, 1.5f));
-    EXPECT_TRUE(le(0u, 3));
     EXPECT_TRUE(log.lines().empty());
 }
 

@@ -1,9 +1,8 @@
 // The plug-in library's dynamic symbol table: the factory is the one
 // function a host can find, under its plain C name. Read from the ELF file
 // itself (32- or 64-bit), so the check runs the same under emulation.
-#include <gtest/gtest.h>
-
 #include <elf.h>
+#include <gtest/gtest.h>
 
 #include <cstring>
 #include <fstream>
@@ -46,18 +45,26 @@ bool definedDynamicSymbols(const std::vector<char>& file, std::vector<DynamicSym
             const uint64_t nameAt = strings.sh_offset + symbol.st_name;
             if (nameAt >= file.size()) return false;
             const char* name = file.data() + nameAt;
-            symbols.push_back({std::string(name, strnlen(name, file.size() - nameAt)), Type(symbol.st_info),
-                               Bind(symbol.st_info)});
+            symbols.push_back(
+                {std::string(name, strnlen(name, file.size() - nameAt)), Type(symbol.st_info), Bind(symbol.st_info)});
         }
         return true;
     }
     return false;
 }
 
-unsigned char type32(unsigned char info) { return ELF32_ST_TYPE(info); }
-unsigned char bind32(unsigned char info) { return ELF32_ST_BIND(info); }
-unsigned char type64(unsigned char info) { return ELF64_ST_TYPE(info); }
-unsigned char bind64(unsigned char info) { return ELF64_ST_BIND(info); }
+unsigned char type32(unsigned char info) {
+    return ELF32_ST_TYPE(info);
+}
+unsigned char bind32(unsigned char info) {
+    return ELF32_ST_BIND(info);
+}
+unsigned char type64(unsigned char info) {
+    return ELF64_ST_TYPE(info);
+}
+unsigned char bind64(unsigned char info) {
+    return ELF64_ST_BIND(info);
+}
 
 std::vector<char> readFile(const char* path) {
     std::ifstream in(path, std::ios::binary | std::ios::ate);

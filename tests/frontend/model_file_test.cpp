@@ -1,5 +1,7 @@
 // Model-file loader: one clear message per malformed file, the lenient mode
 // that lets graph-level oddities through, and the comparison helpers.
+#include "zelhost/model_file.h"
+
 #include <gtest/gtest.h>
 
 #include <cctype>
@@ -11,7 +13,6 @@
 #include <vector>
 
 #include "zelhost/execution.h"
-#include "zelhost/model_file.h"
 
 using namespace arv::nnhal;
 using namespace arv::nnhal::host;
@@ -79,8 +80,7 @@ TEST_P(MalformedModel, GivesOneMessageNamingThePlace) {
 INSTANTIATE_TEST_SUITE_P(
     Loader, MalformedModel,
     ::testing::Values(
-        BadFile{"truncated", std::string(kValid).substr(0, 40),
-                "model.json: malformed JSON: parse error at line *"},
+        BadFile{"truncated", std::string(kValid).substr(0, 40), "model.json: malformed JSON: parse error at line *"},
         BadFile{"top level array", "[1, 2]", "model.json: expected a JSON object at the top, got an array"},
         BadFile{"missing operands", replaced("\"operands\"", "\"operandz\""), "model.json: missing field \"operands\""},
         BadFile{"missing lifetime", replaced(R"("zeroPoint": 3, "lifetime": "input")", R"("zeroPoint": 3)"),
@@ -89,8 +89,9 @@ INSTANTIATE_TEST_SUITE_P(
                 "model.json: operands[2].dims: expected an array, got a string"},
         BadFile{"zero point fractional", replaced(R"("zeroPoint": 3)", R"("zeroPoint": 3.5)"),
                 "model.json: operands[0].zeroPoint: expected an integer, got 3.5"},
-        BadFile{"negative dimension", replaced("[1, 2, 2, 1], \"scale\": 0.5, \"zeroPoint\": 3",
-                                               "[1, -2, 2, 1], \"scale\": 0.5, \"zeroPoint\": 3"),
+        BadFile{"negative dimension",
+                replaced("[1, 2, 2, 1], \"scale\": 0.5, \"zeroPoint\": 3",
+                         "[1, -2, 2, 1], \"scale\": 0.5, \"zeroPoint\": 3"),
                 "model.json: operands[0].dims[1]: value -2 out of range (0..4294967295)"},
         BadFile{"unknown lifetime", replaced(R"("lifetime": "internal")", R"("lifetime": "temporary")"),
                 "model.json: operands[4].lifetime: unknown lifetime \"temporary\" (expected input, output, "
@@ -108,7 +109,8 @@ INSTANTIATE_TEST_SUITE_P(
                 "(-2147483648..2147483647)"},
         BadFile{"constant without data", replaced(R"(, "data": [-7])", ""),
                 "model.json: operands[2]: constant operand without \"data\""},
-        BadFile{"data on an input", replaced(R"("lifetime": "input"})", R"("lifetime": "input", "data": [1, 2, 3, 4]})"),
+        BadFile{"data on an input",
+                replaced(R"("lifetime": "input"})", R"("lifetime": "input", "data": [1, 2, 3, 4]})"),
                 "model.json: operands[0].data: only constant operands carry data"},
         BadFile{"operation input past the operands", replaced("[0, 1, 3]", "[0, 6, 3]"),
                 "model.json: operations[0].inputs[1]: operand index 6 out of range (6 operands)"},
@@ -200,8 +202,11 @@ TEST(LenientLoader, KeepsOutOfRangeIndices) {
     EXPECT_EQ(model.graph->getOperand(6), nullptr);
 
     ASSERT_EQ(load(replaced(R"("inputs": [0],
-  "outputs": [5])", R"("inputs": [0],
-  "outputs": [99])"), model, false), "");
+  "outputs": [5])",
+                            R"("inputs": [0],
+  "outputs": [99])"),
+                   model, false),
+              "");
     EXPECT_EQ(model.graph->getOutput(0), 99u);
 }
 
@@ -232,8 +237,9 @@ TEST(ConformanceFiles, LoadStrictly) {
         uint32_t operations, inputs, outputs;
         size_t ignored;
     };
-    for (const Case& c : {Case{"quant8/conv_quant8.json", 1, 1, 1, 0}, Case{"float32/add.json", 1, 2, 1, 0},
-                          Case{"float32/lstm.json", 1, 20, 4, 1}, Case{"quant8/transpose_v1_2_quant8.json", 1, 2, 1, 0}}) {
+    for (const Case& c :
+         {Case{"quant8/conv_quant8.json", 1, 1, 1, 0}, Case{"float32/add.json", 1, 2, 1, 0},
+          Case{"float32/lstm.json", 1, 20, 4, 1}, Case{"quant8/transpose_v1_2_quant8.json", 1, 2, 1, 0}}) {
         LoadedModel model;
         const std::string path = std::string(ZEL_CONFORMANCE_DIR) + "/" + c.file;
         if (!std::filesystem::exists(path)) GTEST_SKIP() << "no conformance set at " ZEL_CONFORMANCE_DIR;

@@ -17,9 +17,13 @@
 namespace arv {
 namespace nnhal {
 // Status values print as numbers in failure messages.
-void PrintTo(Status status, std::ostream* out) { *out << "status " << static_cast<int32_t>(status); }
+void PrintTo(Status status, std::ostream* out) {
+    *out << "status " << static_cast<int32_t>(status);
+}
 namespace host {
-void PrintTo(CaseClass value, std::ostream* out) { *out << caseClassName(value); }
+void PrintTo(CaseClass value, std::ostream* out) {
+    *out << caseClassName(value);
+}
 }  // namespace host
 }  // namespace nnhal
 }  // namespace arv

@@ -1,7 +1,6 @@
 // zelrun as a user runs it: exit codes, what it prints, its options and the
 // conformance mode.
 #include <gtest/gtest.h>
-
 #include <sys/wait.h>
 
 #include <cstdio>
@@ -83,7 +82,9 @@ protected:
     fs::path mDir;
 };
 
-bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+bool contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
 
 TEST_F(Zelrun, UsageErrorsExitWithTwo) {
     for (const char* arguments : {"", "--log loud m.json", "--repeat 0 m.json", "--frobnicate m.json", "a.json b.json",

@@ -1,6 +1,7 @@
 // Support checks for 8-bit quantized operations, and the support table.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -24,16 +25,57 @@ using OperationCheckTable = std::map<std::pair<OperationType, OperandType>, Oper
 // The support table: fifteen quant8 rows, built on first use, never changed.
 const OperationCheckTable& getOperationCheckTable();
 
+struct Shape;
+
+// The check rules, written once for the quant8 and the float32 family. One
+// object per family: its located lines name the family's source file, and
+// the quantized family adds the rules of the quantized runtime (fusable
+// activation, channel-axis concatenation, constant transpose indexes).
+class CheckRules {
+public:
+    using Ins = std::vector<uint32_t>;
+
+    constexpr CheckRules(const char* source, bool quantized) : mSource(source), mQuantized(quantized) {}
+
+    bool elementWise(const Ins& ins, const Ins& outs, ZelModel* model, OperationType type) const;
+    bool pool(const Ins& ins, const Ins& outs, ZelModel* model, OperationType type) const;
+    bool activation(const Ins& ins, const Ins& outs, ZelModel* model, uint32_t numInputs, OperationType type) const;
+    // conv_2d and depthwise_conv_2d; `implicitCount` is the input count of
+    // the implicit form (the explicit form has three more).
+    bool convolution(const Ins& ins, const Ins& outs, ZelModel* model, OperationType type, size_t implicitCount) const;
+    bool fullyConnected(const Ins& ins, const Ins& outs, ZelModel* model) const;
+    bool concatenation(const Ins& ins, const Ins& outs, ZelModel* model) const;
+    bool reshape(const Ins& ins, const Ins& outs, ZelModel* model) const;
+    bool resizeBilinear(const Ins& ins, const Ins& outs, ZelModel* model) const;
+    bool dequantize(const Ins& ins, const Ins& outs, ZelModel* model) const;
+    bool localResponseNormalization(const Ins& ins, const Ins& outs, ZelModel* model) const;
+    bool squeeze(const Ins& ins, const Ins& outs, ZelModel* model) const;
+    bool pad(const Ins& ins, const Ins& outs, ZelModel* model) const;
+    bool transpose(const Ins& ins, const Ins& outs, ZelModel* model) const;
+    bool spaceToDepth(const Ins& ins, const Ins& outs, ZelModel* model) const;
+    bool batchToSpace(const Ins& ins, const Ins& outs, ZelModel* model) const;
+    bool spaceToBatch(const Ins& ins, const Ins& outs, ZelModel* model) const;
+    bool oemLstm(const Ins& ins, const Ins& outs, ZelModel* model) const;
+    bool oemSplit(const Ins& ins, const Ins& outs, ZelModel* model) const;
+
+private:
+    bool operandsReadable(const Ins& ins, const Ins& outs, ZelModel* model, OperationType type) const;
+    bool copyInt32Data(ZelModel* model, uint32_t index, OperationType type, std::vector<int32_t>* values) const;
+    bool activationFusable(ZelModel* model, uint32_t index) const;
+    bool storeShape(bool inferred, ZelModel* model, uint32_t out, const Shape& output) const;
+    bool readBlockSizes(ZelModel* model, uint32_t index, OperationType type, Shape* shape,
+                        std::vector<int32_t>* values) const;
+
+    const char* mSource;  // file named by the located lines
+    bool mQuantized;
+};
+
 namespace quant8_asym_check {
 
 using Ins = std::vector<uint32_t>;
 
 // True for the fused activation node codes the accelerator can fuse.
 bool fusedActivationCheck(zel_op_type_enum code);
-
-bool elementWiseOpCheck(const Ins& ins, const Ins& outs, ZelModel* model, OperationType type);
-bool pool(const Ins& ins, const Ins& outs, ZelModel* model, OperationType type);
-bool activation(const Ins& ins, const Ins& outs, ZelModel* model, uint32_t numInputs, OperationType type);
 
 bool add(const Ins& ins, const Ins& outs, ZelModel* model);
 bool sub(const Ins& ins, const Ins& outs, ZelModel* model);

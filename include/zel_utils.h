@@ -29,17 +29,21 @@ std::ostream& operator<<(std::ostream& os, const kestrel_zel_nn_input& in);
 std::ostream& operator<<(std::ostream& os, const kestrel_zel_nn_output& out);
 
 // "<file>::<line>" of the current source position; __FILE__ is made
-// relative to the source tree by the build.
-#define ZEL_LOCATION_STREAM(os) (os) << __FILE__ << "::" << __LINE__
+// relative to the source tree by the build. The *_IN forms below name the
+// given `file` instead: rules written once for two modules name the module
+// they run for (with the line of the rule).
+#define ZEL_LOCATION_STREAM_IN(os, file) (os) << (file) << "::" << __LINE__
+#define ZEL_LOCATION_STREAM(os) ZEL_LOCATION_STREAM_IN(os, __FILE__)
 
 // Logs one located error line "<file>::<line> -- <msg>"; `msg` is a stream
 // expression ("Need " << n << " inputs").
-#define ZEL_LOG_LOCATED(msg)                                  \
-    do {                                                      \
-        std::ostringstream zel_os_;                           \
-        ZEL_LOCATION_STREAM(zel_os_) << " -- " << msg;        \
-        ::handle_error_info(zel_os_.str());                   \
+#define ZEL_LOG_LOCATED_IN(file, msg)                           \
+    do {                                                        \
+        std::ostringstream zel_os_;                             \
+        ZEL_LOCATION_STREAM_IN(zel_os_, file) << " -- " << msg; \
+        ::handle_error_info(zel_os_.str());                     \
     } while (0)
+#define ZEL_LOG_LOCATED(msg) ZEL_LOG_LOCATED_IN(__FILE__, msg)
 
 namespace zel_detail {
 // Comparisons used by the check macros: mixed signed/unsigned integers are
@@ -78,23 +82,26 @@ bool ge(const A& a, const B& b) { return le(b, a); }
 // "<file>::<line> -- failed <a> <op> <b> (<va> <op> <vb>): <msg>" and
 // returns `ret` from the enclosing function. Each side is evaluated once;
 // `msg` is a stream expression.
-#define ZEL_CHECK_IMPL(a, opText, fn, b, ret, msg)                                            \
-    do {                                                                                      \
-        const auto& zel_a_ = (a);                                                             \
-        const auto& zel_b_ = (b);                                                             \
-        if (!::zel_detail::fn(zel_a_, zel_b_)) {                                              \
-            std::ostringstream zel_os_;                                                       \
-            ZEL_LOCATION_STREAM(zel_os_) << " -- failed " #a " " opText " " #b " (" << zel_a_ \
-                                         << " " opText " " << zel_b_ << "): " << msg;         \
-            ::handle_error_info(zel_os_.str());                                               \
-            return ret;                                                                       \
-        }                                                                                     \
+#define ZEL_CHECK_IMPL(file, a, opText, fn, b, ret, msg)                                                          \
+    do {                                                                                                          \
+        const auto& zel_a_ = (a);                                                                                 \
+        const auto& zel_b_ = (b);                                                                                 \
+        if (!::zel_detail::fn(zel_a_, zel_b_)) {                                                                  \
+            std::ostringstream zel_os_;                                                                           \
+            ZEL_LOCATION_STREAM_IN(zel_os_, file)                                                                 \
+                << " -- failed " #a " " opText " " #b " (" << zel_a_ << " " opText " " << zel_b_ << "): " << msg; \
+            ::handle_error_info(zel_os_.str());                                                                   \
+            return ret;                                                                                           \
+        }                                                                                                         \
     } while (0)
 
-#define ZEL_CHECK_EQ(a, b, ret, msg) ZEL_CHECK_IMPL(a, "==", eq, b, ret, msg)
-#define ZEL_CHECK_NE(a, b, ret, msg) ZEL_CHECK_IMPL(a, "!=", ne, b, ret, msg)
-#define ZEL_CHECK_GE(a, b, ret, msg) ZEL_CHECK_IMPL(a, ">=", ge, b, ret, msg)
-#define ZEL_CHECK_LE(a, b, ret, msg) ZEL_CHECK_IMPL(a, "<=", le, b, ret, msg)
+#define ZEL_CHECK_EQ(a, b, ret, msg) ZEL_CHECK_IMPL(__FILE__, a, "==", eq, b, ret, msg)
+#define ZEL_CHECK_NE(a, b, ret, msg) ZEL_CHECK_IMPL(__FILE__, a, "!=", ne, b, ret, msg)
+#define ZEL_CHECK_GE(a, b, ret, msg) ZEL_CHECK_IMPL(__FILE__, a, ">=", ge, b, ret, msg)
+#define ZEL_CHECK_LE(a, b, ret, msg) ZEL_CHECK_IMPL(__FILE__, a, "<=", le, b, ret, msg)
+#define ZEL_CHECK_EQ_IN(file, a, b, ret, msg) ZEL_CHECK_IMPL(file, a, "==", eq, b, ret, msg)
+#define ZEL_CHECK_NE_IN(file, a, b, ret, msg) ZEL_CHECK_IMPL(file, a, "!=", ne, b, ret, msg)
+#define ZEL_CHECK_LE_IN(file, a, b, ret, msg) ZEL_CHECK_IMPL(file, a, "<=", le, b, ret, msg)
 
 // Shape-inference precondition: logs "NN_CHECK failed: <condition>" and
 // returns false.

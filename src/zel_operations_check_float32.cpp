@@ -2,607 +2,132 @@
 // table: the accelerator is offered quantized graphs only, and these checks
 // are kept complete beside the quant8 family for when float rows are added.
 //
-// They follow the quant8 steps in the same order (input count, output
-// count, operand sanity, parameters, shape inference, setShape, constancy)
-// without the fused-activation rule: a float node takes any activation.
+// They run the quant8 family's rules (CheckRules, one implementation for
+// both) in the same order, without the rules of the quantized runtime: a
+// float node takes any activation and any concatenation axis, and may take
+// its transpose indexes at run time. Their located lines name this file.
 #include "zel_operations_check_float32.h"
 
-#include <cstdint>
-#include <cstring>
-#include <string>
-
-#include "zel_model.h"
-#include "zel_utils.h"
+#include "zel_operations_check_quant8.h"
 
 namespace arv {
 namespace nnhal {
 namespace zel {
 namespace float32_check {
 
-namespace {
-
-// Every index names an operand of the graph and every scalar input holds
-// its value, so the steps below may read them.
-bool operandsReadable(const Ins& ins, const Ins& outs, ZelModel* model, OperationType type) {
-    if (model == nullptr) {
-        ZEL_LOG_LOCATED("No model to check " << toString(type) << " against");
-        return false;
-    }
-    for (size_t i = 0; i < ins.size(); ++i) {
-        if (!model->isValidOperand(ins[i])) {
-            ZEL_LOG_LOCATED("Input " << i << " of " << toString(type) << " names operand " << ins[i]
-                                     << ", which is outside the graph");
-            return false;
-        }
-    }
-    for (size_t i = 0; i < outs.size(); ++i) {
-        if (!model->isValidOperand(outs[i])) {
-            ZEL_LOG_LOCATED("Output " << i << " of " << toString(type) << " names operand " << outs[i]
-                                      << ", which is outside the graph");
-            return false;
-        }
-    }
-    return model->scalarsHaveData(ins);
-}
-
-// Copies the int32 values of a constant tensor operand (the data may be
-// unaligned); false with one line when the data is missing or shorter than
-// the operand's shape.
-bool copyInt32Data(ZelModel* model, uint32_t index, OperationType type, std::vector<int32_t>* values) {
-    const OperandInfo& operand = model->operands()[index];
-    // Saturating product: absurd shapes must not wrap into a small count.
-    uint64_t count = 1;
-    for (uint32_t d : operand.dimensions) {
-        count = d != 0 && count > UINT64_MAX / d ? UINT64_MAX : count * d;
-    }
-    if (operand.data == nullptr || count > operand.length / sizeof(int32_t)) {
-        ZEL_LOG_LOCATED(toString(type) << " requires operand " << index << " to hold " << count
-                                       << " int32 values of constant data (" << operand.length << " bytes)");
-        return false;
-    }
-    values->resize(static_cast<size_t>(count));
-    if (count != 0) std::memcpy(values->data(), operand.data, static_cast<size_t>(count) * sizeof(int32_t));
-    return true;
-}
-
-// Paddings, strides and window size of a 2-D window operation.
-struct Window {
-    int32_t padLeft = 0;
-    int32_t padRight = 0;
-    int32_t padTop = 0;
-    int32_t padBottom = 0;
-    int32_t strideW = 0;
-    int32_t strideH = 0;
-    int32_t filterW = 0;
-    int32_t filterH = 0;
-    padding_type_enum padding = ZEL_NN_PAD_NA;
-};
-
-// SAME padding of one axis; the larger half of an odd total goes to the
-// tail (right or bottom). A stride below 1 counts as no output.
-void samePads(int64_t in, int64_t stride, int64_t filter, int32_t* head, int32_t* tail) {
-    const int64_t out = stride > 0 ? (stride + in - 1) / stride : 0;
-    const int64_t needed = (out - 1) * stride + filter;
-    if (needed > in) {
-        const int64_t total = needed - in;
-        *head = static_cast<int32_t>(total / 2);
-        *tail = static_cast<int32_t>(total - total / 2);
-    } else {
-        *head = 0;
-        *tail = 0;
-    }
-}
-
-// Reads the padding and strides starting at ins[first]. Implicit form: the
-// padding code, stride_w, stride_h. Explicit form: left, right, top, bottom,
-// stride_w, stride_h. The window size must already be in `window`.
-void readWindow(ZelModel* model, const Ins& ins, bool explicitForm, size_t first, const Shape& input, Window* window) {
-    const int32_t inW = static_cast<int32_t>(getSizeOfDimension(input, 2));
-    const int32_t inH = static_cast<int32_t>(getSizeOfDimension(input, 1));
-    if (explicitForm) {
-        window->padLeft = model->getScalar<int32_t>(ins[first]);
-        window->padRight = model->getScalar<int32_t>(ins[first + 1]);
-        window->padTop = model->getScalar<int32_t>(ins[first + 2]);
-        window->padBottom = model->getScalar<int32_t>(ins[first + 3]);
-        window->strideW = model->getScalar<int32_t>(ins[first + 4]);
-        window->strideH = model->getScalar<int32_t>(ins[first + 5]);
-        window->padding = getPadding(inW, inH, window->strideW, window->strideH, window->filterW, window->filterH,
-                                     window->padLeft, window->padRight, window->padTop, window->padBottom);
-        return;
-    }
-    const int32_t code = model->getScalar<int32_t>(ins[first]);
-    window->strideW = model->getScalar<int32_t>(ins[first + 1]);
-    window->strideH = model->getScalar<int32_t>(ins[first + 2]);
-    if (code == 1) {
-        samePads(getSizeOfDimension(input, 2), window->strideW, window->filterW, &window->padLeft, &window->padRight);
-        samePads(getSizeOfDimension(input, 1), window->strideH, window->filterH, &window->padTop, &window->padBottom);
-    }
-    window->padding = getPadding(static_cast<unsigned int>(code));
-}
-
-// Shape inference result written into the output operand, with the two
-// shared messages.
-bool storeShape(bool inferred, ZelModel* model, uint32_t out, const Shape& output) {
-    if (!inferred) {
-        ZEL_LOG_LOCATED("Error getting shape");
-        return false;
-    }
-    if (!model->setShape(out, output)) {
-        ZEL_LOG_LOCATED("Error setting shape");
-        return false;
-    }
-    return true;
-}
-
-// Shared body of conv_2d and depthwise_conv_2d; `implicitCount` is the
-// input count of the implicit form (the explicit form has three more).
-bool convolution(const Ins& ins, const Ins& outs, ZelModel* model, OperationType type, size_t implicitCount) {
-    const bool explicitForm = ins.size() == implicitCount + 3;
-    if (ins.size() != implicitCount && !explicitForm) {
-        ZEL_LOG_LOCATED("Need " << implicitCount << " or " << implicitCount + 3 << " inputs for " << toString(type));
-        return false;
-    }
-    ZEL_CHECK_EQ(1, outs.size(), false, "Need 1 output for " << toString(type));
-    if (!operandsReadable(ins, outs, model, type)) return false;
-
-    const Shape input = model->getShape(ins[0]);
-    const Shape filter = model->getShape(ins[1]);
-    const Shape bias = model->getShape(ins[2]);
-    Window window;
-    window.filterW = static_cast<int32_t>(getSizeOfDimension(filter, 2));
-    window.filterH = static_cast<int32_t>(getSizeOfDimension(filter, 1));
-    readWindow(model, ins, explicitForm, 3, input, &window);
-    const padding_type_enum pad = window.padding;
-    ZEL_CHECK_NE(pad, ZEL_NN_PAD_NA, false, "Unknown padding");
-
-    // The activation (the last input) is counted, not examined.
-    Shape output = model->getShape(outs[0]);
-    const bool inferred =
-        type == OperationType::CONV_2D
-            ? convPrepare(input, filter, bias, window.padLeft, window.padRight, window.padTop, window.padBottom,
-                          window.strideW, window.strideH, &output)
-            : depthwiseConvPrepare(input, filter, bias, window.padLeft, window.padRight, window.padTop,
-                                   window.padBottom, window.strideW, window.strideH, &output);
-    if (!storeShape(inferred, model, outs[0], output)) return false;
-    if (!model->isConstant(ins[1])) {
-        ZEL_LOG_LOCATED(toString(type) << " requires filter to be constant data");
-        return false;
-    }
-    return true;
-}
-
-}  // namespace
-
-bool elementWiseOpCheck(const Ins& ins, const Ins& outs, ZelModel* model, OperationType type) {
-    ZEL_CHECK_EQ(3, ins.size(), false, "Need 3 inputs for " << toString(type));
-    ZEL_CHECK_EQ(1, outs.size(), false, "Need 1 output for " << toString(type));
-    if (!operandsReadable(ins, outs, model, type)) return false;
-
-    Shape output = model->getShape(outs[0]);
-    return storeShape(addMulPrepare(model->getShape(ins[0]), model->getShape(ins[1]), &output), model, outs[0], output);
-}
-
-bool pool(const Ins& ins, const Ins& outs, ZelModel* model, OperationType type) {
-    const bool explicitForm = ins.size() == 10;
-    if (ins.size() != 7 && !explicitForm) {
-        ZEL_LOG_LOCATED("Need 7 or 10 inputs for " << toString(type));
-        return false;
-    }
-    // The output count is not a rule here; the first output is still needed.
-    ZEL_CHECK_LE(1, outs.size(), false, "Need at least 1 output for " << toString(type));
-    if (!operandsReadable(ins, outs, model, type)) return false;
-
-    const Shape input = model->getShape(ins[0]);
-    Window window;
-    // The window size follows the strides: ins[4], ins[5] or ins[7], ins[8].
-    const size_t filterAt = explicitForm ? 7 : 4;
-    window.filterW = model->getScalar<int32_t>(ins[filterAt]);
-    window.filterH = model->getScalar<int32_t>(ins[filterAt + 1]);
-    readWindow(model, ins, explicitForm, 1, input, &window);
-    const padding_type_enum pad = window.padding;
-    ZEL_CHECK_NE(pad, ZEL_NN_PAD_NA, false, "Unknown padding");
-
-    Shape output = model->getShape(outs[0]);
-    const bool inferred =
-        genericPoolingPrepare(input, window.padLeft, window.padRight, window.padTop, window.padBottom, window.strideW,
-                              window.strideH, window.filterW, window.filterH, &output);
-    return storeShape(inferred, model, outs[0], output);
-}
-
-bool activation(const Ins& ins, const Ins& outs, ZelModel* model, uint32_t numInputs, OperationType type) {
-    ZEL_CHECK_EQ(numInputs, ins.size(), false, "Need " << numInputs << " input for " << toString(type));
-    ZEL_CHECK_EQ(1, outs.size(), false, "Need 1 output for " << toString(type));
-    if (!operandsReadable(ins, outs, model, type)) return false;
-
-    Shape output = model->getShape(outs[0]);
-    return storeShape(genericActivationPrepare(model->getShape(ins[0]), &output), model, outs[0], output);
-}
+constexpr CheckRules kFloat32Rules(__FILE__, false);
 
 bool add(const Ins& ins, const Ins& outs, ZelModel* model) {
-    return elementWiseOpCheck(ins, outs, model, OperationType::ADD);
+    return kFloat32Rules.elementWise(ins, outs, model, OperationType::ADD);
 }
 
 bool sub(const Ins& ins, const Ins& outs, ZelModel* model) {
-    return elementWiseOpCheck(ins, outs, model, OperationType::SUB);
+    return kFloat32Rules.elementWise(ins, outs, model, OperationType::SUB);
 }
 
 bool mul(const Ins& ins, const Ins& outs, ZelModel* model) {
-    return elementWiseOpCheck(ins, outs, model, OperationType::MUL);
+    return kFloat32Rules.elementWise(ins, outs, model, OperationType::MUL);
 }
 
 bool average_pool_2d(const Ins& ins, const Ins& outs, ZelModel* model) {
-    return pool(ins, outs, model, OperationType::AVERAGE_POOL_2D);
+    return kFloat32Rules.pool(ins, outs, model, OperationType::AVERAGE_POOL_2D);
 }
 
 bool l2_pool_2d(const Ins& ins, const Ins& outs, ZelModel* model) {
-    return pool(ins, outs, model, OperationType::L2_POOL_2D);
+    return kFloat32Rules.pool(ins, outs, model, OperationType::L2_POOL_2D);
 }
 
 bool max_pool_2d(const Ins& ins, const Ins& outs, ZelModel* model) {
-    return pool(ins, outs, model, OperationType::MAX_POOL_2D);
+    return kFloat32Rules.pool(ins, outs, model, OperationType::MAX_POOL_2D);
 }
 
 bool logistic(const Ins& ins, const Ins& outs, ZelModel* model) {
-    return activation(ins, outs, model, 1, OperationType::LOGISTIC);
+    return kFloat32Rules.activation(ins, outs, model, 1, OperationType::LOGISTIC);
 }
 
 bool relu(const Ins& ins, const Ins& outs, ZelModel* model) {
-    return activation(ins, outs, model, 1, OperationType::RELU);
+    return kFloat32Rules.activation(ins, outs, model, 1, OperationType::RELU);
 }
 
 bool relu1(const Ins& ins, const Ins& outs, ZelModel* model) {
-    return activation(ins, outs, model, 1, OperationType::RELU1);
+    return kFloat32Rules.activation(ins, outs, model, 1, OperationType::RELU1);
 }
 
 bool relu6(const Ins& ins, const Ins& outs, ZelModel* model) {
-    return activation(ins, outs, model, 1, OperationType::RELU6);
+    return kFloat32Rules.activation(ins, outs, model, 1, OperationType::RELU6);
 }
 
 bool softmax(const Ins& ins, const Ins& outs, ZelModel* model) {
-    return activation(ins, outs, model, 2, OperationType::SOFTMAX);
+    return kFloat32Rules.activation(ins, outs, model, 2, OperationType::SOFTMAX);
 }
 
 bool tanh(const Ins& ins, const Ins& outs, ZelModel* model) {
-    return activation(ins, outs, model, 1, OperationType::TANH);
+    return kFloat32Rules.activation(ins, outs, model, 1, OperationType::TANH);
 }
 
 bool concatenation(const Ins& ins, const Ins& outs, ZelModel* model) {
-    const OperationType type = OperationType::CONCATENATION;
-    ZEL_CHECK_LE(3, ins.size(), false, "Need at least 3 inputs for " << toString(type));
-    ZEL_CHECK_EQ(1, outs.size(), false, "Need 1 output for " << toString(type));
-    if (!operandsReadable(ins, outs, model, type)) return false;
-
-    // Any axis that shape inference accepts.
-    const int32_t axis = model->getScalar<int32_t>(ins.back());
-
-    std::vector<Shape> shapes;
-    for (size_t i = 0; i + 1 < ins.size(); ++i) shapes.push_back(model->getShape(ins[i]));
-    Shape output = model->getShape(outs[0]);
-    return storeShape(concatenationPrepare(shapes, axis, &output), model, outs[0], output);
+    return kFloat32Rules.concatenation(ins, outs, model);
 }
 
 bool conv_2d(const Ins& ins, const Ins& outs, ZelModel* model) {
-    return convolution(ins, outs, model, OperationType::CONV_2D, 7);
+    return kFloat32Rules.convolution(ins, outs, model, OperationType::CONV_2D, 7);
 }
 
 bool depthwise_conv_2d(const Ins& ins, const Ins& outs, ZelModel* model) {
     // The depth multiplier (ins[6] or ins[9]) is not examined here.
-    return convolution(ins, outs, model, OperationType::DEPTHWISE_CONV_2D, 8);
+    return kFloat32Rules.convolution(ins, outs, model, OperationType::DEPTHWISE_CONV_2D, 8);
 }
 
 bool fully_connected(const Ins& ins, const Ins& outs, ZelModel* model) {
-    const OperationType type = OperationType::FULLY_CONNECTED;
-    ZEL_CHECK_EQ(4, ins.size(), false, "Need 4 inputs for " << toString(type));
-    ZEL_CHECK_EQ(1, outs.size(), false, "Need 1 output for " << toString(type));
-    if (!operandsReadable(ins, outs, model, type)) return false;
-
-    Shape output = model->getShape(outs[0]);
-    const bool inferred =
-        fullyConnectedPrepare(model->getShape(ins[0]), model->getShape(ins[1]), model->getShape(ins[2]), &output);
-    if (!storeShape(inferred, model, outs[0], output)) return false;
-    if (!model->isConstant(ins[1])) {
-        ZEL_LOG_LOCATED(toString(type) << " requires weight to be constant data");
-        return false;
-    }
-    return true;
+    return kFloat32Rules.fullyConnected(ins, outs, model);
 }
 
 bool reshape(const Ins& ins, const Ins& outs, ZelModel* model) {
-    const OperationType type = OperationType::RESHAPE;
-    ZEL_CHECK_EQ(2, ins.size(), false, "Need 2 inputs for " << toString(type));
-    ZEL_CHECK_EQ(1, outs.size(), false, "Need 1 output for " << toString(type));
-    if (!operandsReadable(ins, outs, model, type)) return false;
-
-    if (model->getPointer(ins[1]) == nullptr) {
-        ZEL_LOG_LOCATED("pointer value is currently nullptr");
-        return false;
-    }
-    const uint32_t count = getNumberOfElements(model->getShape(ins[1]));
-    std::vector<int32_t> target;
-    if (!copyInt32Data(model, ins[1], type, &target)) return false;
-
-    Shape output = model->getShape(outs[0]);
-    const bool inferred = reshapePrepare(model->getShape(ins[0]), target.data(), static_cast<int32_t>(count), &output);
-    return storeShape(inferred, model, outs[0], output);
+    return kFloat32Rules.reshape(ins, outs, model);
 }
 
 bool resize_bilinear(const Ins& ins, const Ins& outs, ZelModel* model) {
-    const OperationType type = OperationType::RESIZE_BILINEAR;
-    ZEL_CHECK_EQ(3, ins.size(), false, "Need 3 inputs for " << toString(type));
-    ZEL_CHECK_EQ(1, outs.size(), false, "Need 1 output for " << toString(type));
-    if (!operandsReadable(ins, outs, model, type)) return false;
-
-    const int32_t width = model->getScalar<int32_t>(ins[1]);
-    const int32_t height = model->getScalar<int32_t>(ins[2]);
-    Shape output = model->getShape(outs[0]);
-    return storeShape(resizeBilinearPrepare(model->getShape(ins[0]), width, height, &output), model, outs[0], output);
+    return kFloat32Rules.resizeBilinear(ins, outs, model);
 }
 
 bool dequantize(const Ins& ins, const Ins& outs, ZelModel* model) {
-    const OperationType type = OperationType::DEQUANTIZE;
-    ZEL_CHECK_EQ(1, ins.size(), false, "Need 1 input for " << toString(type));
-    ZEL_CHECK_EQ(1, outs.size(), false, "Need 1 output for " << toString(type));
-    if (!operandsReadable(ins, outs, model, type)) return false;
-
-    Shape output = model->getShape(outs[0]);
-    return storeShape(dequantizePrepare(model->getShape(ins[0]), &output), model, outs[0], output);
+    return kFloat32Rules.dequantize(ins, outs, model);
 }
 
 bool local_response_normalization(const Ins& ins, const Ins& outs, ZelModel* model) {
-    const OperationType type = OperationType::LOCAL_RESPONSE_NORMALIZATION;
-    ZEL_CHECK_EQ(5, ins.size(), false, "Need 5 inputs for " << toString(type));
-    ZEL_CHECK_EQ(1, outs.size(), false, "Need 1 output for " << toString(type));
-    if (!operandsReadable(ins, outs, model, type)) return false;
-
-    Shape output = model->getShape(outs[0]);
-    return storeShape(genericNormalizationPrepare(model->getShape(ins[0]), &output), model, outs[0], output);
+    return kFloat32Rules.localResponseNormalization(ins, outs, model);
 }
 
 bool squeeze(const Ins& ins, const Ins& outs, ZelModel* model) {
-    const OperationType type = OperationType::SQUEEZE;
-    if (ins.size() != 1 && ins.size() != 2) {
-        ZEL_LOG_LOCATED("Need 1 or 2 inputs for operation " << toString(type));
-        return false;
-    }
-    ZEL_CHECK_EQ(1, outs.size(), false, "Need 1 output for " << toString(type));
-    if (!operandsReadable(ins, outs, model, type)) return false;
-
-    const Shape input = model->getShape(ins[0]);
-    const uint32_t rank = getNumberOfDimensions(input);
-    if (rank > 4) {
-        ZEL_LOG_LOCATED("Input operand rank must be at most 4D");
-        return false;
-    }
-    // Without a (constant) list every dimension of size 1 is squeezed.
-    Shape dimsShape;
-    dimsShape.type = OperandType::TENSOR_INT32;
-    dimsShape.dimensions = {0};
-    std::vector<int32_t> dims;
-    if (ins.size() == 2 && model->getPointer(ins[1]) != nullptr) {
-        dimsShape = model->getShape(ins[1]);
-        if (getNumberOfDimensions(dimsShape) != 1) {
-            ZEL_LOG_LOCATED("Invalid squeeze index tensor rank. Expected rank 1 but got "
-                            << getNumberOfDimensions(dimsShape));
-            return false;
-        }
-        if (getSizeOfDimension(dimsShape, 0) > rank) {
-            ZEL_LOG_LOCATED("Invalid squeeze tensor input. Size larger than input size");
-            return false;
-        }
-        if (!copyInt32Data(model, ins[1], type, &dims)) return false;
-        for (int32_t dim : dims) {
-            const int64_t current = dim < 0 ? static_cast<int64_t>(dim) + rank : dim;
-            if (current < 0 || current >= rank || getSizeOfDimension(input, static_cast<uint32_t>(current)) != 1) {
-                ZEL_LOG_LOCATED("Attempt to squeeze non squeezable dimension: " << dim);
-                return false;
-            }
-        }
-    }
-    Shape output = model->getShape(outs[0]);
-    return storeShape(squeezePrepare(input, dims.data(), dimsShape, &output), model, outs[0], output);
+    return kFloat32Rules.squeeze(ins, outs, model);
 }
 
 bool pad(const Ins& ins, const Ins& outs, ZelModel* model) {
-    const OperationType type = OperationType::PAD;
-    ZEL_CHECK_EQ(2, ins.size(), false, "Need 2 inputs for " << toString(type));
-    ZEL_CHECK_EQ(1, outs.size(), false, "Need 1 output for " << toString(type));
-    if (!operandsReadable(ins, outs, model, type)) return false;
-
-    const Shape input = model->getShape(ins[0]);
-    const uint32_t rank = getNumberOfDimensions(input);
-    if (rank > 4) {
-        ZEL_LOG_LOCATED(toString(type) << " operation requires input of rank <= 4.");
-        return false;
-    }
-    const Shape paddings = model->getShape(ins[1]);
-    if (getNumberOfDimensions(paddings) != 2 || getSizeOfDimension(paddings, 0) != rank ||
-        getSizeOfDimension(paddings, 1) != 2) {
-        ZEL_LOG_LOCATED(toString(type) << " operation requires padding input of shape (" << rank << ",2)");
-        return false;
-    }
-    std::vector<int32_t> values;
-    if (!copyInt32Data(model, ins[1], type, &values)) return false;
-
-    const Shape declared = model->getShape(outs[0]);
-    Shape output = declared;
-    if (!padPrepare(input, values.data(), paddings, &output)) {
-        ZEL_LOG_LOCATED("Error getting shape");
-        return false;
-    }
-    // A declared output (rank 0 or a 0 dimension: not yet known) must agree.
-    if (!declared.dimensions.empty()) {
-        if (declared.dimensions.size() != rank) {
-            ZEL_LOG_LOCATED(toString(type) << " Input and output ranks miss match.");
-            return false;
-        }
-        for (size_t i = 0; i < rank && i < output.dimensions.size(); ++i) {
-            if (declared.dimensions[i] != 0 && declared.dimensions[i] != output.dimensions[i]) {
-                ZEL_LOG_LOCATED(toString(type) << " Output shape at dimension (" << i << ") miss match! Expected "
-                                               << output.dimensions[i] << ", actual " << declared.dimensions[i]);
-                return false;
-            }
-        }
-    }
-    return storeShape(true, model, outs[0], output);
+    return kFloat32Rules.pad(ins, outs, model);
 }
 
 bool transposeCheck(const Ins& ins, const Ins& outs, ZelModel* model) {
-    const OperationType type = OperationType::TRANSPOSE;
-    ZEL_CHECK_EQ(2, ins.size(), false, "Need 2 inputs for " << toString(type));
-    ZEL_CHECK_EQ(1, outs.size(), false, "Need 1 output for " << toString(type));
-    if (!operandsReadable(ins, outs, model, type)) return false;
-
-    const Shape input = model->getShape(ins[0]);
-    const Shape perm = model->getShape(ins[1]);
-    const uint32_t rank = getNumberOfDimensions(input);
-    if (getNumberOfDimensions(perm) != 1) {
-        ZEL_LOG_LOCATED("Transpose tensor must be 1D!");
-        return false;
-    }
-    if (getSizeOfDimension(perm, 0) != rank) {
-        ZEL_LOG_LOCATED("Transpose tensor must define index for every input dimension.");
-        return false;
-    }
-    const Shape declared = model->getShape(outs[0]);
-    if (getNumberOfDimensions(declared) != rank) {
-        ZEL_LOG_LOCATED("Input and output tensors rank must match.");
-        return false;
-    }
-    // Float graphs may feed the indexes at run time: then only the ranks
-    // can be checked now, and the output keeps its declared shape.
-    if (model->getPointer(ins[1]) == nullptr) return true;
-    std::vector<int32_t> values;
-    if (!copyInt32Data(model, ins[1], type, &values)) return false;
-    Shape output = declared;
-    // Refuses indexes outside the input's rank before they are used below.
-    if (!transposePrepare(input, values.data(), perm, &output)) {
-        ZEL_LOG_LOCATED("Error getting shape");
-        return false;
-    }
-    for (uint32_t i = 0; i < rank && i < values.size(); ++i) {
-        const uint32_t expected = getSizeOfDimension(input, static_cast<uint32_t>(values[i]));
-        if (declared.dimensions[i] != 0 && declared.dimensions[i] != expected) {
-            ZEL_LOG_LOCATED("Output dimension at index " << i << "does not match input dimension " << values[i]);
-            return false;
-        }
-    }
-    return storeShape(true, model, outs[0], output);
+    return kFloat32Rules.transpose(ins, outs, model);
 }
 
 bool space_to_depth(const Ins& ins, const Ins& outs, ZelModel* model) {
-    const OperationType type = OperationType::SPACE_TO_DEPTH;
-    ZEL_CHECK_EQ(2, ins.size(), false, "Need 2 inputs for " << toString(type));
-    ZEL_CHECK_EQ(1, outs.size(), false, "Need 1 output for " << toString(type));
-    if (!operandsReadable(ins, outs, model, type)) return false;
-
-    const int32_t blockSize = model->getScalar<int32_t>(ins[1]);
-    Shape output = model->getShape(outs[0]);
-    return storeShape(spaceToDepthPrepare(model->getShape(ins[0]), blockSize, &output), model, outs[0], output);
+    return kFloat32Rules.spaceToDepth(ins, outs, model);
 }
-
-namespace {
-
-// Block sizes of the space/batch pair: [block_h, block_w], both positive.
-bool readBlockSizes(ZelModel* model, uint32_t index, OperationType type, Shape* shape, std::vector<int32_t>* values) {
-    *shape = model->getShape(index);
-    if (getNumberOfDimensions(*shape) != 1 || getSizeOfDimension(*shape, 0) != 2) {
-        ZEL_LOG_LOCATED(toString(type) << " operation requires blocksize input of shape (" << 2 << ")");
-        return false;
-    }
-    if (!copyInt32Data(model, index, type, values)) return false;
-    if ((*values)[0] < 1 || (*values)[1] < 1) {
-        ZEL_LOG_LOCATED(toString(type) << " operation requires block sizes of at least 1, got " << (*values)[0]
-                                       << " and " << (*values)[1]);
-        return false;
-    }
-    return true;
-}
-
-}  // namespace
 
 bool batch_to_space_nd(const Ins& ins, const Ins& outs, ZelModel* model) {
-    const OperationType type = OperationType::BATCH_TO_SPACE_ND;
-    if (ins.size() != 2) {
-        ZEL_LOG_LOCATED(toString(type) << " operation requires 2 input operand(s)!");
-        return false;
-    }
-    if (outs.size() != 1) {
-        ZEL_LOG_LOCATED(toString(type) << " operation requires 1 output operand(s)!");
-        return false;
-    }
-    if (!operandsReadable(ins, outs, model, type)) return false;
-
-    const Shape input = model->getShape(ins[0]);
-    if (getNumberOfDimensions(input) != 4) {
-        ZEL_LOG_LOCATED(toString(type) << " operation requires input of rank = 4.");
-        return false;
-    }
-    Shape blockShape;
-    std::vector<int32_t> block;
-    if (!readBlockSizes(model, ins[1], type, &blockShape, &block)) return false;
-
-    Shape output = model->getShape(outs[0]);
-    return storeShape(batchToSpacePrepare(input, block.data(), blockShape, &output), model, outs[0], output);
+    return kFloat32Rules.batchToSpace(ins, outs, model);
 }
 
 bool space_to_batch_nd(const Ins& ins, const Ins& outs, ZelModel* model) {
-    const OperationType type = OperationType::SPACE_TO_BATCH_ND;
-    if (ins.size() != 3) {
-        ZEL_LOG_LOCATED(toString(type) << " operation requires 3 input operand(s)!");
-        return false;
-    }
-    if (outs.size() != 1) {
-        ZEL_LOG_LOCATED(toString(type) << " operation requires 1 output operand(s)!");
-        return false;
-    }
-    if (!operandsReadable(ins, outs, model, type)) return false;
-
-    const Shape input = model->getShape(ins[0]);
-    if (getNumberOfDimensions(input) != 4) {
-        ZEL_LOG_LOCATED(toString(type) << " operation requires input of rank = 4.");
-        return false;
-    }
-    Shape blockShape;
-    std::vector<int32_t> block;
-    if (!readBlockSizes(model, ins[1], type, &blockShape, &block)) return false;
-    const Shape paddingShape = model->getShape(ins[2]);
-    if (getNumberOfDimensions(paddingShape) != 2 || getSizeOfDimension(paddingShape, 0) != 2 ||
-        getSizeOfDimension(paddingShape, 1) != 2) {
-        ZEL_LOG_LOCATED(toString(type) << " operation requires padding input of shape (" << 2 << ",2)");
-        return false;
-    }
-    std::vector<int32_t> paddings;
-    if (!copyInt32Data(model, ins[2], type, &paddings)) return false;
-
-    Shape output = model->getShape(outs[0]);
-    return storeShape(spaceToBatchPrepare(input, block.data(), blockShape, paddings.data(), paddingShape, &output),
-                      model, outs[0], output);
+    return kFloat32Rules.spaceToBatch(ins, outs, model);
 }
 
 bool oemLstmCheck(const Ins& ins, const Ins& outs, ZelModel* model) {
-    ZEL_CHECK_EQ(6, ins.size(), false, "Need 6 inputs for OEM LSTM");
-    ZEL_CHECK_EQ(4, outs.size(), false, "Need 4 outputs for OEM LSTM");
-    if (!operandsReadable(ins, outs, model, OperationType::OEM_LSTM)) return false;
-
-    // The runtime node takes the weights (ins[3]) and bias (ins[4]) as constants.
-    if (!model->isConstant(ins[3])) {
-        ZEL_LOG_LOCATED("OEM LSTM requires weight to be constant data");
-        return false;
-    }
-    if (!model->isConstant(ins[4])) {
-        ZEL_LOG_LOCATED("OEM LSTM requires bias to be constant data");
-        return false;
-    }
-    return true;
+    return kFloat32Rules.oemLstm(ins, outs, model);
 }
 
 bool oemSplitCheck(const Ins& ins, const Ins& outs, ZelModel* model) {
-    ZEL_CHECK_EQ(4, ins.size(), false, "Need 4 inputs for OEM Split");
-    if (!operandsReadable(ins, outs, model, OperationType::OEM_SPLIT)) return false;
-
-    // ins[2] holds the number of parts; one output per part.
-    ZEL_CHECK_EQ((size_t)model->getScalar<int32_t>(ins[2]), outs.size(), false, "Number of outputs is incorrect");
-    return true;
+    return kFloat32Rules.oemSplit(ins, outs, model);
 }
 
 }  // namespace float32_check

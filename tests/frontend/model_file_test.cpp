@@ -7,7 +7,6 @@
 #include <cctype>
 #include <cmath>
 #include <cstring>
-#include <filesystem>
 #include <limits>
 #include <string>
 #include <vector>
@@ -194,24 +193,14 @@ TEST(Loader, MissingFileIsNamed) {
     EXPECT_EQ(model.graph, nullptr);
 }
 
-// Lenient loading: graph-level oddities reach the graph unchanged.
-TEST(LenientLoader, KeepsOutOfRangeIndices) {
+// Lenient loading: graph-level oddities reach the graph unchanged; values
+// the graph cannot hold are still refused.
+TEST(LenientLoader, KeepsGraphOdditiesOnly) {
     LoadedModel model;
     ASSERT_EQ(load(replaced("[0, 1, 3]", "[0, 6, 3]"), model, false), "");
     EXPECT_EQ(model.graph->getOperation(0)->getInput(1), 6u) << "an index equal to the operand count";
     EXPECT_EQ(model.graph->getOperand(6), nullptr);
 
-    ASSERT_EQ(load(replaced(R"("inputs": [0],
-  "outputs": [5])",
-                            R"("inputs": [0],
-  "outputs": [99])"),
-                   model, false),
-              "");
-    EXPECT_EQ(model.graph->getOutput(0), 99u);
-}
-
-TEST(LenientLoader, KeepsMismatchedLengthsAndUnknownTypes) {
-    LoadedModel model;
     ASSERT_EQ(load(replaced("[1, 2, 3, 250]", "[1, 2, 3]"), model, false), "");
     EXPECT_EQ(model.graph->getOperand(1)->getData().length, 3u);
 
@@ -220,38 +209,10 @@ TEST(LenientLoader, KeepsMismatchedLengthsAndUnknownTypes) {
 
     ASSERT_EQ(load(replaced(R"(, "data": [-7])", ""), model, false), "");
     EXPECT_NE(model.graph->getOperand(2)->getData().status, Status::SUCCESS) << "a constant without data";
-}
 
-TEST(LenientLoader, StillRefusesUnrepresentableValues) {
-    LoadedModel model;
     EXPECT_EQ(load(replaced("[1, 2, 3, 250]", "[1, 2, 300, 250]"), model, false),
               "model.json: operands[1].data[2]: value 300 out of range for TENSOR_QUANT8 (0..255)");
     EXPECT_EQ(load("{", model, false).rfind("model.json: malformed JSON: ", 0), 0u);
-}
-
-// Files of the conformance set with each feature of the format: plain
-// quantized, float, ignored outputs, a zero-sized input.
-TEST(ConformanceFiles, LoadStrictly) {
-    struct Case {
-        const char* file;
-        uint32_t operations, inputs, outputs;
-        size_t ignored;
-    };
-    for (const Case& c :
-         {Case{"quant8/conv_quant8.json", 1, 1, 1, 0}, Case{"float32/add.json", 1, 2, 1, 0},
-          Case{"float32/lstm.json", 1, 20, 4, 1}, Case{"quant8/transpose_v1_2_quant8.json", 1, 2, 1, 0}}) {
-        LoadedModel model;
-        const std::string path = std::string(ZEL_CONFORMANCE_DIR) + "/" + c.file;
-        if (!std::filesystem::exists(path)) GTEST_SKIP() << "no conformance set at " ZEL_CONFORMANCE_DIR;
-        ASSERT_EQ(loadModelFile(path, model), "");
-        EXPECT_EQ(model.graph->getOperationCount(), c.operations) << c.file;
-        EXPECT_EQ(model.graph->getInputCount(), c.inputs) << c.file;
-        EXPECT_EQ(model.graph->getOutputCount(), c.outputs) << c.file;
-        EXPECT_EQ(model.inputData.size(), c.inputs) << c.file;
-        EXPECT_EQ(model.expected.size(), c.outputs) << c.file;
-        EXPECT_EQ(model.ignoredOutputs.size(), c.ignored) << c.file;
-        EXPECT_GT(model.tolerance, 0.0) << c.file;
-    }
 }
 
 // ---- comparison ---------------------------------------------------------------

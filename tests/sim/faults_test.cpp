@@ -18,11 +18,6 @@ TEST_F(FaultTest, NthCallFailsWithTheCodeAndDoesNothing) {
     EXPECT_EQ(1u, nodes[0].nodeId);
     EXPECT_EQ(3u, nodes[1].nodeId);
     EXPECT_NE(std::string::npos, zelsim::lastError(g.id()).find("injected fault"));
-    int failed = 0;
-    for (const auto& c : zelsim::calls()) {
-        if (c.entry == "append_const_node" && c.result == -7) ++failed;
-    }
-    EXPECT_EQ(1, failed);
 }
 
 // The count starts at the failCall, not at the last reset.
@@ -36,15 +31,6 @@ TEST_F(FaultTest, CallsAreCountedFromTheRequest) {
     EXPECT_EQ(0, id);
     EXPECT_EQ(0, kestrel_zel_nn_init(&id));
     EXPECT_EQ(3, id);
-}
-
-TEST_F(FaultTest, VersionFaultChangesTheValueNotTheResult) {
-    zelsim::failCall("version", 1, 0x20101);
-    int version = 0;
-    EXPECT_EQ(0, kestrel_zel_nn_version(&version));
-    EXPECT_EQ(0x20101, version);
-    EXPECT_EQ(0, kestrel_zel_nn_version(&version));
-    EXPECT_EQ(0x20100, version);
 }
 
 TEST_F(FaultTest, SeveralFaultsOnEveryEntryPoint) {
@@ -79,13 +65,10 @@ TEST_F(FaultTest, SeveralFaultsOnEveryEntryPoint) {
     EXPECT_TRUE(zelsim::nodes(g.id()).empty());
 }
 
-TEST_F(FaultTest, ResetDisarmsFaults) {
+TEST_F(FaultTest, ResetDisarmsAndUnknownEntriesOrCallZeroAreNoted) {
     zelsim::failCall("config", 1, 1);
     zelsim::reset();
     EXPECT_EQ(0, kestrel_zel_nn_config());
-}
-
-TEST_F(FaultTest, UnknownEntryOrCallZeroIsNotedAndIgnored) {
     zelsim::failCall("no_such_entry", 1, -1);
     zelsim::failCall("config", 0, 1);
     EXPECT_EQ(0, kestrel_zel_nn_config());

@@ -5,8 +5,8 @@
 
 namespace {
 
-using simtest::rec;
 using simtest::range;
+using simtest::rec;
 
 class RenderTest : public simtest::SimTest {
 protected:

@@ -26,7 +26,9 @@ inline kestrel_zel_nn_output rec(uint32_t b, uint32_t h, uint32_t w, uint32_t d,
     return r;
 }
 
-inline kestrel_zel_nn_output range() { return rec(1, 1, 1, 1, 4); }
+inline kestrel_zel_nn_output range() {
+    return rec(1, 1, 1, 1, 4);
+}
 
 inline kestrel_zel_nn_tensordef tensor(uint32_t b, uint32_t h, uint32_t w, uint32_t d, void* data, int32_t len) {
     kestrel_zel_nn_tensordef t{};

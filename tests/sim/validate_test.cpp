@@ -47,68 +47,47 @@ kestrel_zel_nn_output sizeBeyondRank() {
     return r;
 }
 
+using G = simtest::Graph;
+
+// clang-format off
 const RefusalCase kRefusals[] = {
-    {"IdZero", [](simtest::Graph& g) { return g.node(0, ZEL_OP_OUTPUT, {{1, 0}}, {}); }, "node 0 (ZEL_OP_OUTPUT): ",
-     "reserved"},
-    {"IdUsed", [](simtest::Graph& g) { return g.node(3, ZEL_OP_OUTPUT, {{1, 0}}, {}); }, "node 3 (ZEL_OP_OUTPUT): ",
-     "already used"},
-    {"IdGoesBack",
-     [](simtest::Graph& g) {
-         g.floatConstant(9, 1.0f);
-         return g.node(5, ZEL_OP_OUTPUT, {{1, 0}}, {});
-     },
+    {"IdZero", [](G& g) { return g.node(0, ZEL_OP_OUTPUT, {{1, 0}}, {}); }, "node 0 (ZEL_OP_OUTPUT): ", "reserved"},
+    {"IdUsed", [](G& g) { return g.node(3, ZEL_OP_OUTPUT, {{1, 0}}, {}); }, "node 3 (ZEL_OP_OUTPUT): ", "already used"},
+    {"IdGoesBack", [](G& g) { g.floatConstant(9, 1.0f); return g.node(5, ZEL_OP_OUTPUT, {{1, 0}}, {}); },
      "node 5 (ZEL_OP_OUTPUT): ", "must increase: 5 after 9"},
-    {"ConstIdGoesBack", [](simtest::Graph& g) { return g.floatConstant(2, 1.0f); }, "const 2: ", "already used"},
-    {"UnknownOp", [](simtest::Graph& g) { return g.node(4, 9999, {{1, 0}}, {rec(1, 2, 2, 4, 1)}); },
+    {"UnknownOp", [](G& g) { return g.node(4, 9999, {{1, 0}}, {rec(1, 2, 2, 4, 1)}); },
      "node 4 (op 9999): ", "unknown op code 9999"},
-    {"InputNamesNoNode", [](simtest::Graph& g) { return g.node(4, ZEL_OP_OUTPUT, {{1, 0}, {8, 0}}, {}); },
+    {"InputNamesNoNode", [](G& g) { return g.node(4, ZEL_OP_OUTPUT, {{1, 0}, {8, 0}}, {}); },
      "node 4 (ZEL_OP_OUTPUT): ", "input 1 {8, 0} names no node of this graph"},
     {"InputNamesRefusedNode",
-     [](simtest::Graph& g) {
-         g.constant(5, 1, 1, 1, 2, {1, 2, 3});
-         return g.node(6, ZEL_OP_OUTPUT, {{5, 0}}, {});
-     },
+     [](G& g) { g.constant(5, 1, 1, 1, 2, {1, 2, 3}); return g.node(6, ZEL_OP_OUTPUT, {{5, 0}}, {}); },
      "node 6 (ZEL_OP_OUTPUT): ", "input 0 {5, 0} names a refused node"},
-    {"InputIsEmpty", [](simtest::Graph& g) { return g.node(4, ZEL_OP_OUTPUT, {{0, 0}}, {}); },
+    {"InputIsEmpty", [](G& g) { return g.node(4, ZEL_OP_OUTPUT, {{0, 0}}, {}); },
      "node 4 (ZEL_OP_OUTPUT): ", "input 0 {0, 0} is empty"},
-    {"OutputIndexOfNode", [](simtest::Graph& g) { return g.node(4, ZEL_OP_OUTPUT, {{1, 1}}, {}); },
+    {"OutputIndexOfNode", [](G& g) { return g.node(4, ZEL_OP_OUTPUT, {{1, 1}}, {}); },
      "node 4 (ZEL_OP_OUTPUT): ", "input 0 {1, 1}: node 1 has 1 output(s)"},
-    {"OutputIndexOfConst", [](simtest::Graph& g) { return g.node(4, ZEL_OP_OUTPUT, {{3, 1}}, {}); },
-     "node 4 (ZEL_OP_OUTPUT): ", "node 3 has 1 output(s)"},
-    {"OutputRank", [](simtest::Graph& g) { return g.node(4, ZEL_OP_INPUT, {}, {rec(1, 1, 1, 1, 1), badRank()}); },
+    {"OutputRank", [](G& g) { return g.node(4, ZEL_OP_INPUT, {}, {rec(1, 1, 1, 1, 1), badRank()}); },
      "node 4 (ZEL_OP_INPUT): ", "output 1 has rank 3 (4 expected)"},
-    {"OutputSizeBeyondRank", [](simtest::Graph& g) { return g.node(4, ZEL_OP_INPUT, {}, {sizeBeyondRank()}); },
+    {"OutputSizeBeyondRank", [](G& g) { return g.node(4, ZEL_OP_INPUT, {}, {sizeBeyondRank()}); },
      "node 4 (ZEL_OP_INPUT): ", "output 0 has size 2 beyond its rank"},
-    {"OutputElementSize", [](simtest::Graph& g) { return g.node(4, ZEL_OP_INPUT, {}, {rec(1, 2, 2, 4, 3)}); },
+    {"OutputElementSize", [](G& g) { return g.node(4, ZEL_OP_INPUT, {}, {rec(1, 2, 2, 4, 3)}); },
      "node 4 (ZEL_OP_INPUT): ", "element size 3"},
-    {"OutputTooLarge", [](simtest::Graph& g) { return g.node(4, ZEL_OP_INPUT, {}, {rec(1024, 1024, 1024, 2, 1)}); },
+    {"OutputTooLarge", [](G& g) { return g.node(4, ZEL_OP_INPUT, {}, {rec(1024, 1024, 1024, 2, 1)}); },
      "node 4 (ZEL_OP_INPUT): ", "output 0 is too large"},
-    {"InputNodeWithInputs", [](simtest::Graph& g) { return g.node(4, ZEL_OP_INPUT, {{1, 0}}, {rec(1, 1, 1, 1, 1)}); },
+    {"InputNodeWithInputs", [](G& g) { return g.node(4, ZEL_OP_INPUT, {{1, 0}}, {rec(1, 1, 1, 1, 1)}); },
      "node 4 (ZEL_OP_INPUT): ", "takes no inputs"},
-    {"OutputNodeWithOutputs",
-     [](simtest::Graph& g) { return g.node(4, ZEL_OP_OUTPUT, {{1, 0}}, {rec(1, 1, 1, 1, 1)}); },
+    {"OutputNodeWithOutputs", [](G& g) { return g.node(4, ZEL_OP_OUTPUT, {{1, 0}}, {rec(1, 1, 1, 1, 1)}); },
      "node 4 (ZEL_OP_OUTPUT): ", "has no outputs"},
-    {"AfterPrepare",
-     [](simtest::Graph& g) {
-         g.prepare();
-         return g.node(4, ZEL_OP_OUTPUT, {{1, 0}}, {});
-     },
+    {"AfterPrepare", [](G& g) { g.prepare(); return g.node(4, ZEL_OP_OUTPUT, {{1, 0}}, {}); },
      "node 4 (ZEL_OP_OUTPUT): ", "is already prepared"},
-    {"ConstLengthMismatch", [](simtest::Graph& g) { return g.constant(4, 1, 1, 2, 3, {1, 2, 3, 4, 5}); }, "const 4: ",
-     "5 bytes do not hold 1x1x2x3 elements"},
-    {"ConstElementSize3", [](simtest::Graph& g) { return g.constant(4, 1, 1, 1, 2, {1, 2, 3, 4, 5, 6}); }, "const 4: ",
-     "6 bytes do not hold"},
-    {"ConstZeroDims", [](simtest::Graph& g) { return g.constant(4, 1, 1, 0, 2, {1, 2, 3, 4, 5, 6, 7, 8}); },
-     "const 4: ", "8 bytes do not hold 1x1x0x2"},
-    {"ConstEmpty", [](simtest::Graph& g) { return g.constant(4, 1, 1, 1, 1, {}); }, "const 4: ",
-     "0 bytes do not hold"},
-    {"ConstNullData",
-     [](simtest::Graph& g) { return kestrel_zel_nn_append_const_node(g.id(), 4, 1, 1, 1, 1, nullptr, 4); },
+    {"ConstLengthMismatch", [](G& g) { return g.constant(4, 1, 1, 2, 3, {1, 2, 3, 4, 5}); },
+     "const 4: ", "5 bytes do not hold 1x1x2x3 elements"},
+    {"ConstNullData", [](G& g) { return kestrel_zel_nn_append_const_node(g.id(), 4, 1, 1, 1, 1, nullptr, 4); },
      "const 4: ", "data is null with 4 bytes"},
-    {"ConstHugeDims",
-     [](simtest::Graph& g) { return g.constant(4, 65536, 65536, 1, 1, {1, 2, 3, 4, 5, 6, 7, 8}); }, "const 4: ",
-     "dims are too large"},
+    {"ConstHugeDims", [](G& g) { return g.constant(4, 65536, 65536, 1, 1, {1, 2, 3, 4, 5, 6, 7, 8}); },
+     "const 4: ", "dims are too large"},
 };
+// clang-format on
 
 class RefusalTest : public ValidateTest, public ::testing::WithParamInterface<RefusalCase> {};
 
@@ -129,8 +108,8 @@ INSTANTIATE_TEST_SUITE_P(Rules, RefusalTest, ::testing::ValuesIn(kRefusals),
                          [](const ::testing::TestParamInfo<RefusalCase>& info) { return info.param.name; });
 
 TEST_F(ValidateTest, AcceptedFormsOfConstants) {
-    EXPECT_EQ(0, g->constant(4, 1, 3, 3, 1, {0, 0, 0, 0})) << g->log();   // shape only
-    EXPECT_EQ(0, g->constant(5, 1, 1, 1, 2, {1, 0, 0, 0, 2, 0, 0, 0}));   // two 32-bit words
+    EXPECT_EQ(0, g->constant(4, 1, 3, 3, 1, {0, 0, 0, 0})) << g->log();  // shape only
+    EXPECT_EQ(0, g->constant(5, 1, 1, 1, 2, {1, 0, 0, 0, 2, 0, 0, 0}));  // two 32-bit words
     EXPECT_EQ(0, g->constant(6, 1, 1, 3, 2, {1, 2, 3, 4, 5, 6}));        // bytes
     EXPECT_EQ(0, g->constant(7, 1, 1, 1, 3, {1, 2, 3, 4, 5, 6}));        // 16-bit values
     EXPECT_EQ("", g->log());
@@ -158,22 +137,16 @@ struct PrepareCase {
     const char* detail;
 };
 
+// clang-format off
 const PrepareCase kPrepareRefusals[] = {
-    {"TwoInputNodes", [](simtest::Graph& g) { g.node(4, ZEL_OP_INPUT, {}, {rec(1, 1, 1, 1, 1)}); },
+    {"TwoInputNodes", [](G& g) { g.node(4, ZEL_OP_INPUT, {}, {rec(1, 1, 1, 1, 1)}); },
      "prepare: more than one INPUT node (1 and 4)"},
-    {"TwoOutputNodes",
-     [](simtest::Graph& g) {
-         g.node(4, ZEL_OP_OUTPUT, {{1, 0}}, {});
-         g.node(5, ZEL_OP_OUTPUT, {{2, 0}}, {});
-     },
+    {"TwoOutputNodes", [](G& g) { g.node(4, ZEL_OP_OUTPUT, {{1, 0}}, {}); g.node(5, ZEL_OP_OUTPUT, {{2, 0}}, {}); },
      "prepare: more than one OUTPUT node (4 and 5)"},
-    {"OutputNotLast",
-     [](simtest::Graph& g) {
-         g.node(4, ZEL_OP_OUTPUT, {{1, 0}}, {});
-         g.floatConstant(5, 1.0f);
-     },
+    {"OutputNotLast", [](G& g) { g.node(4, ZEL_OP_OUTPUT, {{1, 0}}, {}); g.floatConstant(5, 1.0f); },
      "prepare: the OUTPUT node 4 is not the last node (node 5 follows)"},
 };
+// clang-format on
 
 class PrepareRefusalTest : public ValidateTest, public ::testing::WithParamInterface<PrepareCase> {};
 

@@ -6,6 +6,10 @@
 //
 // Benchmarks are named FIGURE/GRAPH (graph names: bench_support.h):
 //   memcpy/G               one memcpy of all constant bytes of G
+//   transpose/G            the plug-in's transposes of G's filters and weights
+//                          alone, into a buffer written beforehand
+//   runtime_copy/G         what the runtime does with each constant in
+//                          pass-through mode: a fresh buffer and a copy
 //   prepare_passthrough/G  createGraphExecutor, simulator only copying constants
 //   prepare_validated/G    createGraphExecutor, simulator validating every node
 //   support/G              isGraphSupported
@@ -22,6 +26,7 @@
 //   --zel_tiny   small graphs and single repetitions, for the smoke test
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <cstring>
 #include <map>
 #include <memory>
@@ -29,6 +34,7 @@
 #include <vector>
 
 #include "bench_support.h"
+#include "zel_model.h"
 #include "zelsim/control.h"
 
 namespace {
@@ -79,6 +85,69 @@ void memcpyConstants(benchmark::State& state, const std::string& graphName) {
         benchmark::ClobberMemory();
     }
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * bytes));
+    describeGraph(state, graph);
+}
+
+// Shapes the plug-in transposes: a convolution filter [O, H, W, I] becomes
+// O rows of H*W*I, a fully connected weight [units, in] units rows of in.
+struct Matrix {
+    const uint8_t* data;
+    uint32_t rows;
+    uint32_t cols;
+};
+
+std::vector<Matrix> transposedMatrices(HostGraph& graph) {
+    std::vector<Matrix> matrices;
+    for (uint32_t i = 0; i < graph.getOperationCount(); ++i) {
+        const auto& operation = graph.operation(i);
+        const bool conv = operation.mType == arv::nnhal::OperationType::CONV_2D;
+        if (!conv && operation.mType != arv::nnhal::OperationType::FULLY_CONNECTED) continue;
+        const auto& weight = graph.operand(operation.mInputs.at(1));
+        if (weight.mLifetime != arv::nnhal::host::Lifetime::Constant || weight.mDims.empty()) continue;
+        uint32_t cols = 1;
+        for (size_t d = 1; d < weight.mDims.size(); ++d) cols *= weight.mDims[d];
+        matrices.push_back({weight.mData.data(), weight.mDims[0], cols});
+    }
+    return matrices;
+}
+
+void transposeWeights(benchmark::State& state, const std::string& graphName) {
+    HostGraph& graph = graphFor(graphName);
+    const std::vector<Matrix> matrices = transposedMatrices(graph);
+    size_t largest = 0;
+    uint64_t bytes = 0;
+    for (const Matrix& m : matrices) {
+        largest = std::max(largest, size_t(m.rows) * m.cols);
+        bytes += uint64_t(m.rows) * m.cols;
+    }
+    std::vector<uint8_t> destination(largest, 1);
+    for (auto _ : state) {
+        for (const Matrix& m : matrices) {
+            arv::nnhal::zel::transposeInto(m.rows, m.cols, m.data, destination.data());
+            benchmark::ClobberMemory();
+        }
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * bytes));
+    describeGraph(state, graph);
+}
+
+void runtimeCopy(benchmark::State& state, const std::string& graphName) {
+    HostGraph& graph = graphFor(graphName);
+    std::vector<const std::vector<uint8_t>*> constants;
+    for (uint32_t i = 0; i < graph.getOperandCount(); ++i) {
+        const auto& operand = graph.operand(i);
+        if (operand.mLifetime == arv::nnhal::host::Lifetime::Constant) constants.push_back(&operand.mData);
+    }
+    for (auto _ : state) {
+        std::vector<std::vector<uint8_t>> kept;
+        kept.reserve(constants.size());
+        for (const std::vector<uint8_t>* data : constants) kept.emplace_back(data->begin(), data->end());
+        benchmark::DoNotOptimize(kept.data());
+        state.PauseTiming();
+        kept.clear();
+        state.ResumeTiming();
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * zelbench::constantBytes(graph)));
     describeGraph(state, graph);
 }
 
@@ -186,6 +255,8 @@ void registerAll(const Sizes& sizes, bool tiny) {
     };
     const std::string& m = sizes.mobilenet;
     quick(benchmark::RegisterBenchmark(("memcpy/" + m).c_str(), memcpyConstants, m), 7);
+    quick(benchmark::RegisterBenchmark(("transpose/" + m).c_str(), transposeWeights, m), 7);
+    quick(benchmark::RegisterBenchmark(("runtime_copy/" + m).c_str(), runtimeCopy, m), 7);
     quick(benchmark::RegisterBenchmark(("prepare_passthrough/" + m).c_str(), prepareGraph, m, true), 7);
     quick(benchmark::RegisterBenchmark(("prepare_validated/" + m).c_str(), prepareGraph, m, false), 3);
     wall(benchmark::RegisterBenchmark(("support/" + m).c_str(), supportQuery, m), 5);
@@ -199,6 +270,7 @@ void registerAll(const Sizes& sizes, bool tiny) {
     }
     for (const std::string& w : sizes.wides) {
         quick(benchmark::RegisterBenchmark(("memcpy/" + w).c_str(), memcpyConstants, w), 3);
+        quick(benchmark::RegisterBenchmark(("transpose/" + w).c_str(), transposeWeights, w), 3);
         quick(benchmark::RegisterBenchmark(("prepare_passthrough/" + w).c_str(), prepareGraph, w, true), 3);
         wall(benchmark::RegisterBenchmark(("support/" + w).c_str(), supportQuery, w), 3);
     }

@@ -7,6 +7,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <shared_mutex>
@@ -37,11 +38,13 @@ class VotingThread {
 public:
     enum VoteType : uint32_t { UP = 0, DOWN = 0x7FFFFFFF };
 
+    using TimePoint = std::chrono::time_point<std::chrono::system_clock, std::chrono::microseconds>;
+
     struct Message {
         enum Type : uint32_t { UP_VOTE = 0, DOWN_VOTE = 1, DOWN_VOTE_TIMEOUT = 2, TOKEN_RELEASE = 3 };
         uint64_t token;
         Type type;
-        std::chrono::time_point<std::chrono::system_clock, std::chrono::microseconds> time;
+        TimePoint time;  // due time: the moment of queueing plus the delay
     };
 
     // Delays of the queue; the defaults are the production values. Tests
@@ -51,7 +54,7 @@ public:
         std::chrono::microseconds timeout{std::chrono::seconds(60)};  // DOWN_VOTE_TIMEOUT after an up vote
         // Clock of the due times; empty means the system clock. Tests inject
         // a manual clock to queue messages with equal due times.
-        std::function<std::chrono::time_point<std::chrono::system_clock, std::chrono::microseconds>()> clock;
+        std::function<TimePoint()> clock;
     };
 
     explicit VotingThread(NnLib* lib);
@@ -88,15 +91,31 @@ private:
     void handleMessageLocked(Message& msg);
     void removeQueuedMessagesLocked(Message::Type type, std::function<bool(Message&)> predicate);
     void vote(VoteType type);
-    bool allTokensIdleLocked() const;
+    // Sets a token's up-vote count and keeps mBusyTokens in step.
+    void setCountLocked(std::unordered_map<uint64_t, uint64_t>::iterator entry, uint64_t count);
+    void eraseTokenLocked(std::unordered_map<uint64_t, uint64_t>::iterator entry);
 
-    std::vector<Message> mQueue;
+    // Pending messages by due time. Equal keys keep their queueing order (a
+    // multimap inserts after its equals), so the front is always the message
+    // to handle next: the earliest, and among equal due times the first
+    // queued. A support query of a large graph queues one down vote per
+    // operation, so the queue can hold thousands of messages; finding,
+    // adding and removing one costs O(log n), never a scan of the queue.
+    using Queue = std::multimap<TimePoint, Message>;
+    Queue mQueue;
+    // Where each token's pending DOWN_VOTE_TIMEOUT sits in mQueue. A token
+    // has at most one: handling an up vote removes the old one before it
+    // queues the next.
+    std::unordered_map<uint64_t, Queue::iterator> mTimeouts;
     std::unique_ptr<std::thread> mThread;
     std::mutex mMutex;
     std::condition_variable mCondition;
     NnLib* mNnLib;
     bool mRunning;
     std::unordered_map<uint64_t, uint64_t> mTokens;
+    // Number of entries of mTokens with a non-zero count: "every token is
+    // idle" without visiting every token.
+    size_t mBusyTokens = 0;
     Delays mDelays;
 };
 

@@ -209,7 +209,7 @@ private:
     // Filter or weight bytes transposed as rows x cols elements (floats for
     // TENSOR_FP32, bytes otherwise); false (one error line) when the
     // operand's data does not hold exactly that many elements.
-    bool transposedData(uint32_t index, uint64_t rows, uint64_t cols, std::vector<uint8_t>* out);
+    bool transposedData(uint32_t index, uint64_t rows, uint64_t cols, std::unique_ptr<uint8_t[]>* out);
     // Tensor records of the host's current buffers for `indices`.
     bool collectTensordefs(IGraph* graph, const std::vector<uint32_t>& indices,
                            std::vector<kestrel_zel_nn_tensordef>* defs);
@@ -230,6 +230,8 @@ private:
 
 // Byte and float transposes of a row-major rows x cols matrix.
 std::vector<uint8_t> transpose(uint32_t rows, uint32_t cols, const uint8_t* data);
+// The byte transpose into `out`, which holds rows x cols bytes.
+void transposeInto(uint32_t rows, uint32_t cols, const uint8_t* data, uint8_t* out);
 std::vector<float> transpose(uint32_t rows, uint32_t cols, const float* data);
 
 }  // namespace zel

@@ -23,7 +23,7 @@ namespace {
 // Tokens are unique in the process, whatever VotingThread hands them out.
 std::atomic<uint64_t> gVotingTokenCounter{0};
 
-using TimePoint = std::chrono::time_point<std::chrono::system_clock, std::chrono::microseconds>;
+using TimePoint = VotingThread::TimePoint;
 
 TimePoint systemNow() {
     return std::chrono::time_point_cast<std::chrono::microseconds>(std::chrono::system_clock::now());
@@ -119,8 +119,9 @@ size_t VotingThread::queueSize() {
 
 size_t VotingThread::queuedCount(Message::Type type) {
     std::lock_guard<std::mutex> lock(mMutex);
-    return static_cast<size_t>(
-        std::count_if(mQueue.begin(), mQueue.end(), [type](const Message& queued) { return queued.type == type; }));
+    return static_cast<size_t>(std::count_if(mQueue.begin(), mQueue.end(), [type](const Queue::value_type& queued) {
+        return queued.second.type == type;
+    }));
 }
 
 void VotingThread::votingThreadFunc() {
@@ -145,14 +146,12 @@ void VotingThread::waitForVote() {
             mCondition.wait_for(lock, kInjectedClockPoll);
             continue;
         }
-        // Remove exactly that message (the first one with its due time and
-        // identity); the others keep their order.
-        for (auto it = mQueue.begin(); it != mQueue.end(); ++it) {
-            if (it->time == first.time && it->token == first.token && it->type == first.type) {
-                mQueue.erase(it);
-                break;
-            }
+        // The front is the message just peeked; the others keep their order.
+        if (first.type == Message::DOWN_VOTE_TIMEOUT) {
+            const auto indexed = mTimeouts.find(first.token);
+            if (indexed != mTimeouts.end() && indexed->second == mQueue.begin()) mTimeouts.erase(indexed);
         }
+        mQueue.erase(mQueue.begin());
         Message handled = first;
         try {
             handleMessageLocked(handled);
@@ -164,22 +163,26 @@ void VotingThread::waitForVote() {
 
 void VotingThread::enqueueMessageLocked(uint64_t token, Message::Type type, std::chrono::microseconds delay) {
     const TimePoint now = mDelays.clock ? mDelays.clock() : systemNow();
-    mQueue.push_back(Message{token, type, now + delay});
-    mCondition.notify_all();
+    const TimePoint due = now + delay;
+    const Queue::iterator queued = mQueue.emplace(due, Message{token, type, due});
+    if (type == Message::DOWN_VOTE_TIMEOUT) mTimeouts[token] = queued;
+    // The worker sleeps until the front message falls due; only a new front
+    // changes that moment. A message queued behind it is found in time
+    // without a wake-up.
+    if (queued == mQueue.begin()) mCondition.notify_all();
 }
 
-VotingThread::Message VotingThread::peekFirstMessage() {
-    // Strictly earlier only: among equal due times the one queued first wins.
-    size_t best = 0;
-    for (size_t i = 1; i < mQueue.size(); ++i) {
-        if (mQueue[i].time < mQueue[best].time) best = i;
-    }
-    return mQueue[best];
+VotingThread::Message VotingThread::peekFirstMessage() { return mQueue.begin()->second; }
+
+void VotingThread::setCountLocked(std::unordered_map<uint64_t, uint64_t>::iterator entry, uint64_t count) {
+    if (entry->second == 0 && count != 0) ++mBusyTokens;
+    if (entry->second != 0 && count == 0) --mBusyTokens;
+    entry->second = count;
 }
 
-bool VotingThread::allTokensIdleLocked() const {
-    return std::all_of(mTokens.begin(), mTokens.end(),
-                       [](const std::pair<const uint64_t, uint64_t>& entry) { return entry.second == 0; });
+void VotingThread::eraseTokenLocked(std::unordered_map<uint64_t, uint64_t>::iterator entry) {
+    setCountLocked(entry, 0);
+    mTokens.erase(entry);
 }
 
 void VotingThread::handleMessageLocked(Message& msg) {
@@ -204,31 +207,43 @@ void VotingThread::handleMessageLocked(Message& msg) {
 
     switch (msg.type) {
         case Message::UP_VOTE:
-            if (allTokensIdleLocked()) vote(UP);
-            it->second += 1;
+            if (mBusyTokens == 0) vote(UP);
+            setCountLocked(it, it->second + 1);
             removeQueuedMessagesLocked(Message::DOWN_VOTE_TIMEOUT, sameToken);
             enqueueMessageLocked(token, Message::DOWN_VOTE_TIMEOUT, mDelays.timeout);
             break;
         case Message::DOWN_VOTE:
             // No check against 0 on purpose: an unmatched down vote wraps.
-            it->second -= 1;
-            if (allTokensIdleLocked()) vote(DOWN);
+            setCountLocked(it, it->second - 1);
+            if (mBusyTokens == 0) vote(DOWN);
             if (it->second == 0) removeQueuedMessagesLocked(Message::DOWN_VOTE_TIMEOUT, sameToken);
             break;
         case Message::DOWN_VOTE_TIMEOUT:
         case Message::TOKEN_RELEASE: {
             const uint64_t held = it->second;
-            mTokens.erase(it);
-            if (held != 0 && allTokensIdleLocked()) vote(DOWN);
+            eraseTokenLocked(it);
+            if (held != 0 && mBusyTokens == 0) vote(DOWN);
             break;
         }
     }
 }
 
 void VotingThread::removeQueuedMessagesLocked(Message::Type type, std::function<bool(Message&)> predicate) {
-    mQueue.erase(std::remove_if(mQueue.begin(), mQueue.end(),
-                                [&](Message& queued) { return queued.type == type && predicate(queued); }),
-                 mQueue.end());
+    if (type == Message::DOWN_VOTE_TIMEOUT) {
+        // Only the timeouts are visited: one per token that holds votes.
+        for (auto entry = mTimeouts.begin(); entry != mTimeouts.end();) {
+            if (predicate(entry->second->second)) {
+                mQueue.erase(entry->second);
+                entry = mTimeouts.erase(entry);
+            } else {
+                ++entry;
+            }
+        }
+        return;
+    }
+    for (auto queued = mQueue.begin(); queued != mQueue.end();) {
+        queued = queued->second.type == type && predicate(queued->second) ? mQueue.erase(queued) : std::next(queued);
+    }
 }
 
 void VotingThread::vote(VoteType type) {

@@ -108,23 +108,6 @@ TEST_F(NnLibBinding, LoadFunctionReportsNullNamesAndMissingSymbols) {
     EXPECT_THAT(log.errors(), ElementsAre("loadFunction -- failed to load function kestrel_zel_nn_version"));
 }
 
-TEST_F(NnLibBinding, VotingForwardsToTheThread) {
-    std::shared_ptr<NnLib> lib = NnLib::makeNnLib();
-    ASSERT_TRUE(lib);
-    const uint64_t first = lib->generateVotingToken();
-    const uint64_t second = lib->generateVotingToken();
-    EXPECT_NE(first, 0u);
-    EXPECT_GT(second, first);
-    EXPECT_EQ(lib->votingThread()->tokenTotal(), 2u);
-    EXPECT_EQ(lib->votingThread()->tokenCount(first), 0);
-    lib->asyncVote(first, zel::VotingThread::UP);
-    EXPECT_TRUE(foundation::waitFor([&] { return lib->votingThread()->tokenCount(first) == 1; }));
-    lib->releaseVotingToken(second);
-    // Release waits for its grace period (5 s by default): still queued.
-    EXPECT_EQ(lib->votingThread()->tokenCount(second), 0);
-    lib->resetFunctors();
-}
-
 // --- Controller --------------------------------------------------------------
 
 class ControllerTest : public testing::Test {

@@ -5,10 +5,12 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <string>
 #include <utility>
 #include <vector>
 
 #include "arv/nnhal/nnhal_types.h"
+#include "zel_kestrel_runtime.h"
 
 namespace arv {
 namespace nnhal {
@@ -23,6 +25,58 @@ using OperationPrepareTable = std::map<std::pair<OperationType, OperandType>, Op
 
 // The lowering table: fifteen quant8 rows, built on first use, never changed.
 const OperationPrepareTable& getOperationPrepareTable();
+
+// Steps and records both lowering families (quant8, float32) share.
+namespace lowering {
+
+using Ins = std::vector<uint32_t>;
+
+// Padding and strides of a window operation (convolutions and pools).
+struct Window {
+    padding_type_enum padding = ZEL_NN_PAD_NA;
+    int32_t strideWidth = 0;
+    int32_t strideHeight = 0;
+    int32_t filterWidth = 0;
+    int32_t filterHeight = 0;
+};
+
+int32_t scalar(ZelModel* model, uint32_t index);
+// One 4-byte float constant of shape 1x1x1x1.
+kestrel_zel_nn_input floatConstant(ZelModel* model, float value);
+// An int32 constant of the given dims holding `values`.
+kestrel_zel_nn_input int32Constant(ZelModel* model, uint32_t batches, uint32_t height, uint32_t width, uint32_t depth,
+                                   const std::vector<int32_t>& values);
+// The stride record 1 x stride_h x stride_w x 1.
+kestrel_zel_nn_input strideShape(ZelModel* model, const Window& w);
+
+// The steps that log, for one family: their located lines name the
+// family's source file.
+class Steps {
+public:
+    explicit constexpr Steps(const char* source) : mSource(source) {}
+
+    // Count checks and operand guards shared by every function. The output
+    // count line prints the actual count on the left, as this plug-in always
+    // has: "failed 1 == outs.size() (2 == 1): Need 1 output for ...".
+    bool checkFrame(ZelModel* model, const Ins& ins, bool inputsOk, const std::string& inputsText, const Ins& outs,
+                    uint32_t outputsNeeded, const std::string& outputsText) const;
+    // checkFrame for one output, texts "Need <need> for <name>" and
+    // "Need 1 output for <name>".
+    bool checkNamed(ZelModel* model, const Ins& ins, bool inputsOk, const std::string& need, const Ins& outs,
+                    const std::string& name) const;
+    // Reads the padding and strides starting at ins[at] (the padding code in
+    // the implicit form, the left padding in the explicit one). Pools carry
+    // the window size as two scalars after the strides; convolutions take it
+    // from the filter operand ins[1] (dimensions 2 and 1, NHWC).
+    bool parseWindow(ZelModel* model, const Ins& ins, bool explicitForm, uint32_t at, bool poolWindow, Window* w) const;
+    // Explicit paddings that are neither same nor valid padding cannot be run.
+    bool knownPadding(padding_type_enum pad) const;
+
+private:
+    const char* mSource;  // file named by the located lines
+};
+
+}  // namespace lowering
 
 namespace quant8_asym {
 

@@ -14,6 +14,7 @@
 #include <string>
 
 #include "zel_model.h"
+#include "zel_operations_prepare_quant8.h"
 #include "zel_utils.h"
 
 namespace arv {
@@ -24,117 +25,17 @@ namespace {
 
 using Ins = std::vector<uint32_t>;
 using Inputs = std::vector<input>;
+using lowering::floatConstant;
+using lowering::int32Constant;
+using lowering::scalar;
+using lowering::strideShape;
+using lowering::Window;
 
-// Count checks and operand guards shared by every function; the output
-// count line prints the actual count on the left.
-bool checkFrame(ZelModel* model, const Ins& ins, bool inputsOk, const std::string& inputsText, const Ins& outs,
-                const std::string& outputsText) {
-    if (!inputsOk) {
-        ZEL_LOG_LOCATED(inputsText);
-        return false;
-    }
-    if (outs.size() != 1) {
-        ZEL_LOG_LOCATED("failed 1 == outs.size() (" << outs.size() << " == " << 1 << "): " << outputsText);
-        return false;
-    }
-    if (model == nullptr) {
-        ZEL_LOG_LOCATED("No model to lower into");
-        return false;
-    }
-    // Malformed graphs: indices outside the graph and scalars without data
-    // are refused here, before anything is read.
-    return model->validOperands(ins, "Input") && model->validOperands(outs, "Output") &&
-           model->scalarsHaveData(ins);
-}
-
-// Frame for the functions named "float32::<name>" in both count texts.
-bool checkNamed(ZelModel* model, const Ins& ins, bool inputsOk, const std::string& need, const Ins& outs,
-                const std::string& name) {
-    return checkFrame(model, ins, inputsOk, "Need " + need + " for " + name, outs, "Need 1 output for " + name);
-}
-
-int32_t scalar(ZelModel* model, uint32_t index) { return model->getScalar<int32_t>(index); }
-
-// One 4-byte float constant of shape 1x1x1x1.
-input floatConstant(ZelModel* model, float value) {
-    uint8_t bytes[sizeof(float)];
-    std::memcpy(bytes, &value, sizeof(bytes));
-    return model->createTensorInternal(1, 1, 1, 1, bytes, sizeof(bytes));
-}
-
-// An int32 constant of the given dims holding `values`.
-input int32Constant(ZelModel* model, uint32_t batches, uint32_t height, uint32_t width, uint32_t depth,
-                    const std::vector<int32_t>& values) {
-    std::vector<uint8_t> bytes(values.size() * sizeof(int32_t));
-    if (!bytes.empty()) std::memcpy(bytes.data(), values.data(), bytes.size());
-    return model->createTensorInternal(batches, height, width, depth, bytes.data(),
-                                       static_cast<uint32_t>(bytes.size()));
-}
-
-// Padding and strides of a window operation.
-struct Window {
-    padding_type_enum padding = ZEL_NN_PAD_NA;
-    int32_t strideWidth = 0;
-    int32_t strideHeight = 0;
-    int32_t filterWidth = 0;
-    int32_t filterHeight = 0;
-};
-
-// Reads padding and strides from ins[at] on (padding code, or left
-// padding in the explicit form); pools carry their window as two scalars
-// after the strides, convolutions take it from the filter ins[1] (NHWC).
-bool parseWindow(ZelModel* model, const Ins& ins, bool explicitForm, uint32_t at, bool poolWindow, Window* w) {
-    if (!explicitForm) {
-        w->padding = model->getPadding(ins[at]);
-        w->strideWidth = scalar(model, ins[at + 1]);
-        w->strideHeight = scalar(model, ins[at + 2]);
-        if (poolWindow) {
-            w->filterWidth = scalar(model, ins[at + 3]);
-            w->filterHeight = scalar(model, ins[at + 4]);
-        }
-        return true;
-    }
-    const int32_t left = scalar(model, ins[at]);
-    const int32_t right = scalar(model, ins[at + 1]);
-    const int32_t top = scalar(model, ins[at + 2]);
-    const int32_t bottom = scalar(model, ins[at + 3]);
-    w->strideWidth = scalar(model, ins[at + 4]);
-    w->strideHeight = scalar(model, ins[at + 5]);
-    const Shape inShape = model->getShape(ins[0]);
-    if (inShape.dimensions.size() != 4) {
-        ZEL_LOG_LOCATED("Explicit padding needs a 4-D input, got rank " << inShape.dimensions.size());
-        return false;
-    }
-    if (poolWindow) {
-        w->filterWidth = scalar(model, ins[at + 6]);
-        w->filterHeight = scalar(model, ins[at + 7]);
-    } else {
-        const Shape filterShape = model->getShape(ins[1]);
-        if (filterShape.dimensions.size() != 4) {
-            ZEL_LOG_LOCATED("Explicit padding needs a 4-D filter, got rank " << filterShape.dimensions.size());
-            return false;
-        }
-        w->filterWidth = static_cast<int32_t>(filterShape.dimensions[2]);
-        w->filterHeight = static_cast<int32_t>(filterShape.dimensions[1]);
-    }
-    w->padding = getPadding(static_cast<int32_t>(inShape.dimensions[2]), static_cast<int32_t>(inShape.dimensions[1]),
-                            w->strideWidth, w->strideHeight, w->filterWidth, w->filterHeight, left, right, top,
-                            bottom);
-    return true;
-}
-
-bool knownPadding(padding_type_enum pad) {
-    ZEL_CHECK_NE(pad, ZEL_NN_PAD_NA, false, "Unknown padding");
-    return true;
-}
-
-input strideShape(ZelModel* model, const Window& w) {
-    return model->createShape(1, static_cast<uint32_t>(w.strideHeight), static_cast<uint32_t>(w.strideWidth), 1);
-}
+constexpr lowering::Steps kFloat32Steps(__FILE__);
 
 // add, sub, mul: [in0, in1] into the fused chain without a bias.
 bool elementWise(const Ins& ins, const Ins& outs, ZelModel* model, zel_op_type_enum op, const std::string& name) {
-    if (!checkNamed(model, ins, ins.size() == 3, "3 inputs", outs, name)) return false;
+    if (!kFloat32Steps.checkNamed(model, ins, ins.size() == 3, "3 inputs", outs, name)) return false;
     const input in0 = model->getTensor(ins[0]);
     const input in1 = model->getTensor(ins[1]);
     const zel_op_type_enum activation = model->getFloatActivation(ins[2]);
@@ -143,13 +44,15 @@ bool elementWise(const Ins& ins, const Ins& outs, ZelModel* model, zel_op_type_e
 
 // Pools: [in, window, stride] followed by the fused activation.
 bool pool(const Ins& ins, const Ins& outs, ZelModel* model, zel_op_type_enum op, const std::string& name) {
-    if (!checkNamed(model, ins, ins.size() == 7 || ins.size() == 10, "7 or 10 inputs", outs, name)) return false;
+    if (!kFloat32Steps.checkNamed(model, ins, ins.size() == 7 || ins.size() == 10, "7 or 10 inputs", outs, name)) {
+        return false;
+    }
     const bool explicitForm = ins.size() == 10;
     const input in = model->getTensor(ins[0]);
     Window w;
-    if (!parseWindow(model, ins, explicitForm, 1, true, &w)) return false;
+    if (!kFloat32Steps.parseWindow(model, ins, explicitForm, 1, true, &w)) return false;
     const zel_op_type_enum activation = model->getFloatActivation(ins[explicitForm ? 9 : 6]);
-    if (!knownPadding(w.padding)) return false;
+    if (!kFloat32Steps.knownPadding(w.padding)) return false;
     const input window =
         model->createShape(1, static_cast<uint32_t>(w.filterHeight), static_cast<uint32_t>(w.filterWidth), 1);
     const input stride = strideShape(model, w);
@@ -159,16 +62,15 @@ bool pool(const Ins& ins, const Ins& outs, ZelModel* model, zel_op_type_enum op,
 // One input, one standalone node [in, extra...].
 bool unary(const Ins& ins, const Ins& outs, ZelModel* model, zel_op_type_enum op, const std::string& name,
            const std::vector<float>& bounds) {
-    if (!checkNamed(model, ins, ins.size() == 1, "1 input", outs, name)) return false;
+    if (!kFloat32Steps.checkNamed(model, ins, ins.size() == 1, "1 input", outs, name)) return false;
     Inputs inputs = {model->getTensor(ins[0])};
     for (float bound : bounds) inputs.push_back(floatConstant(model, bound));
     return model->addBasicOperation(op, 0, inputs, outs);
 }
 
 // Two inputs, both host operands: [in, ins[1]].
-bool withOperand(const Ins& ins, const Ins& outs, ZelModel* model, zel_op_type_enum op, const std::string& inputsText,
-                 const std::string& outputsText) {
-    if (!checkFrame(model, ins, ins.size() == 2, inputsText, outs, outputsText)) return false;
+bool withOperand(const Ins& ins, const Ins& outs, ZelModel* model, zel_op_type_enum op, const std::string& name) {
+    if (!kFloat32Steps.checkNamed(model, ins, ins.size() == 2, "2 inputs", outs, name)) return false;
     const input in = model->getTensor(ins[0]);
     const input second = model->getTensor(ins[1]);
     return model->addBasicOperation(op, 0, {in, second}, outs);
@@ -205,7 +107,8 @@ bool max_pool_2d(const Ins& ins, const Ins& outs, ZelModel* model) {
 // Host order: input, filter, bias, then padding code, stride w/h,
 // activation (7) or paddings l/r/t/b, stride w/h, activation (10).
 bool conv_2d(const Ins& ins, const Ins& outs, ZelModel* model) {
-    if (!checkNamed(model, ins, ins.size() == 7 || ins.size() == 10, "7 or 10 inputs", outs, "float32::conv_2d")) {
+    if (!kFloat32Steps.checkNamed(model, ins, ins.size() == 7 || ins.size() == 10, "7 or 10 inputs", outs,
+                                  "float32::conv_2d")) {
         return false;
     }
     const bool explicitForm = ins.size() == 10;
@@ -213,9 +116,9 @@ bool conv_2d(const Ins& ins, const Ins& outs, ZelModel* model) {
     const input filter = model->createConvFilterTensor(ins[1]);
     const input bias = model->getTensor(ins[2]);
     Window w;
-    if (!parseWindow(model, ins, explicitForm, 3, false, &w)) return false;
+    if (!kFloat32Steps.parseWindow(model, ins, explicitForm, 3, false, &w)) return false;
     const zel_op_type_enum activation = model->getFloatActivation(ins[explicitForm ? 9 : 6]);
-    if (!knownPadding(w.padding)) return false;
+    if (!kFloat32Steps.knownPadding(w.padding)) return false;
     const input stride = strideShape(model, w);
     return model->addFusedFloatOperation(ZEL_OP_FloatConv2d, w.padding, bias, activation, {in, filter, stride}, outs);
 }
@@ -223,27 +126,29 @@ bool conv_2d(const Ins& ins, const Ins& outs, ZelModel* model) {
 // As conv_2d with the depth multiplier (ins[6] or ins[9]) before the
 // activation (ins[7] or ins[10]).
 bool depthwise_conv_2d(const Ins& ins, const Ins& outs, ZelModel* model) {
-    if (!checkNamed(model, ins, ins.size() == 8 || ins.size() == 11, "8 or 11 inputs", outs,
-                    "float32::depthwise_conv_2d")) {
+    if (!kFloat32Steps.checkNamed(model, ins, ins.size() == 8 || ins.size() == 11, "8 or 11 inputs", outs,
+                                  "float32::depthwise_conv_2d")) {
         return false;
     }
     const bool explicitForm = ins.size() == 11;
     const input in = model->getTensor(ins[0]);
     const input bias = model->getTensor(ins[2]);
     Window w;
-    if (!parseWindow(model, ins, explicitForm, 3, false, &w)) return false;
+    if (!kFloat32Steps.parseWindow(model, ins, explicitForm, 3, false, &w)) return false;
     const uint32_t multiplier = static_cast<uint32_t>(scalar(model, ins[explicitForm ? 9 : 6]));
     const zel_op_type_enum activation = model->getFloatActivation(ins[explicitForm ? 10 : 7]);
-    if (!knownPadding(w.padding)) return false;
+    if (!kFloat32Steps.knownPadding(w.padding)) return false;
     const input filter = model->createDepthwiseFilterTensor(ins[1], multiplier);
     const input stride = strideShape(model, w);
-    return model->addFusedFloatOperation(ZEL_OP_FloatDepthwiseConv2d, w.padding, bias, activation,
-                                         {in, filter, stride}, outs);
+    return model->addFusedFloatOperation(ZEL_OP_FloatDepthwiseConv2d, w.padding, bias, activation, {in, filter, stride},
+                                         outs);
 }
 
 // Host order: input, weights [units, inputSize], bias, activation.
 bool fully_connected(const Ins& ins, const Ins& outs, ZelModel* model) {
-    if (!checkNamed(model, ins, ins.size() == 4, "4 inputs", outs, "float32::fully_connected")) return false;
+    if (!kFloat32Steps.checkNamed(model, ins, ins.size() == 4, "4 inputs", outs, "float32::fully_connected")) {
+        return false;
+    }
     const input in = model->getTensor(ins[0]);
     const input weights = model->createFullyConnectedWeightTensor(ins[1]);
     const input bias = model->getTensor(ins[2]);
@@ -254,7 +159,9 @@ bool fully_connected(const Ins& ins, const Ins& outs, ZelModel* model) {
 // Node: [axis, in0 .. inN-1]; the axis (last host input) is counted in the
 // runtime's four dimensions.
 bool concatenation(const Ins& ins, const Ins& outs, ZelModel* model) {
-    if (!checkNamed(model, ins, ins.size() >= 3, "at least 3 inputs", outs, "float32::concatenation")) return false;
+    if (!kFloat32Steps.checkNamed(model, ins, ins.size() >= 3, "at least 3 inputs", outs, "float32::concatenation")) {
+        return false;
+    }
     const size_t count = ins.size() - 1;
     const int32_t axis = scalar(model, ins[count]);
     const int32_t rank = static_cast<int32_t>(model->getShape(ins[0]).dimensions.size());
@@ -266,7 +173,8 @@ bool concatenation(const Ins& ins, const Ins& outs, ZelModel* model) {
 // Host order: input, radius, bias, alpha, beta. Node: [in, window
 // 1x1x1x(2*radius+1), bias, alpha, beta].
 bool local_response_normalization(const Ins& ins, const Ins& outs, ZelModel* model) {
-    if (!checkNamed(model, ins, ins.size() == 5, "5 inputs", outs, "float32::local_response_normalization")) {
+    if (!kFloat32Steps.checkNamed(model, ins, ins.size() == 5, "5 inputs", outs,
+                                  "float32::local_response_normalization")) {
         return false;
     }
     const input in = model->getTensor(ins[0]);
@@ -301,19 +209,16 @@ bool relu6(const Ins& ins, const Ins& outs, ZelModel* model) {
 }
 
 bool softmax(const Ins& ins, const Ins& outs, ZelModel* model) {
-    return withOperand(ins, outs, model, ZEL_OP_FloatSoftmax, "Need 2 inputs for float32::softmax",
-                       "Need 1 output for float32::softmax");
+    return withOperand(ins, outs, model, ZEL_OP_FloatSoftmax, "float32::softmax");
 }
 
 bool reshape(const Ins& ins, const Ins& outs, ZelModel* model) {
-    return withOperand(ins, outs, model, ZEL_OP_FloatReshape, "Need 2 inputs for float32::reshape",
-                       "Need 1 output for float32::reshape");
+    return withOperand(ins, outs, model, ZEL_OP_FloatReshape, "float32::reshape");
 }
 
 // A reshape to the output's dimensions, given as a 1x1x1xN int32 constant.
 bool squeeze(const Ins& ins, const Ins& outs, ZelModel* model) {
-    const std::string name = toString(OperationType::SQUEEZE);
-    if (!checkFrame(model, ins, ins.size() == 2, "Need 2 inputs for " + name, outs, "Need 1 output for " + name)) {
+    if (!kFloat32Steps.checkNamed(model, ins, ins.size() == 2, "2 inputs", outs, toString(OperationType::SQUEEZE))) {
         return false;
     }
     const input in = model->getTensor(ins[0]);
@@ -324,19 +229,18 @@ bool squeeze(const Ins& ins, const Ins& outs, ZelModel* model) {
 }
 
 bool pad(const Ins& ins, const Ins& outs, ZelModel* model) {
-    const std::string name = toString(OperationType::PAD);
-    return withOperand(ins, outs, model, ZEL_OP_FloatPad, "Need 2 inputs for " + name, "Need 1 output for " + name);
+    return withOperand(ins, outs, model, ZEL_OP_FloatPad, toString(OperationType::PAD));
 }
 
 bool transpose(const Ins& ins, const Ins& outs, ZelModel* model) {
-    const std::string name = toString(OperationType::TRANSPOSE);
-    return withOperand(ins, outs, model, ZEL_OP_FloatTranspose, "Need 2 inputs for " + name,
-                       "Need 1 output for " + name);
+    return withOperand(ins, outs, model, ZEL_OP_FloatTranspose, toString(OperationType::TRANSPOSE));
 }
 
 // Host order: input, new width, new height. Node: [in, size {h, w}].
 bool resize_bilinear(const Ins& ins, const Ins& outs, ZelModel* model) {
-    if (!checkNamed(model, ins, ins.size() == 3, "3 inputs", outs, "float32::resize_bilinear")) return false;
+    if (!kFloat32Steps.checkNamed(model, ins, ins.size() == 3, "3 inputs", outs, "float32::resize_bilinear")) {
+        return false;
+    }
     const input in = model->getTensor(ins[0]);
     const int32_t newWidth = scalar(model, ins[1]);
     const int32_t newHeight = scalar(model, ins[2]);
@@ -346,7 +250,9 @@ bool resize_bilinear(const Ins& ins, const Ins& outs, ZelModel* model) {
 
 // Node: [in, block shape, crops]; the crops are all zero, 1x1x(rank-2)x2.
 bool batch_to_space_nd(const Ins& ins, const Ins& outs, ZelModel* model) {
-    if (!checkNamed(model, ins, ins.size() == 2, "2 inputs", outs, "float32::batch_to_space_nd")) return false;
+    if (!kFloat32Steps.checkNamed(model, ins, ins.size() == 2, "2 inputs", outs, "float32::batch_to_space_nd")) {
+        return false;
+    }
     const size_t rank = model->getShape(ins[0]).dimensions.size();
     if (rank < 3) {
         ZEL_LOG_LOCATED("Need an input of rank 3 or 4 for float32::batch_to_space_nd, got rank " << rank);
@@ -361,7 +267,9 @@ bool batch_to_space_nd(const Ins& ins, const Ins& outs, ZelModel* model) {
 
 // Node: [in, block shape, paddings].
 bool space_to_batch_nd(const Ins& ins, const Ins& outs, ZelModel* model) {
-    if (!checkNamed(model, ins, ins.size() == 3, "3 inputs", outs, "float32::space_to_batch_nd")) return false;
+    if (!kFloat32Steps.checkNamed(model, ins, ins.size() == 3, "3 inputs", outs, "float32::space_to_batch_nd")) {
+        return false;
+    }
     const input in = model->getTensor(ins[0]);
     const input block = model->getTensor(ins[1]);
     const input paddings = model->getTensor(ins[2]);

@@ -14,6 +14,10 @@
 //
 //   base [acc,min,max] -> bias add (when a bias list is given) ->
 //   requantize to the output's range -> fused activation (unless Nop)
+//
+// The count checks, window parsing and constant records are written once
+// here (namespace lowering) for both families; their located lines name the
+// file of the family that runs them.
 #include "zel_operations_prepare_quant8.h"
 
 #include <cstring>
@@ -26,54 +30,21 @@ namespace arv {
 namespace nnhal {
 namespace zel {
 
-namespace {
+// ---------------------------------------------------------------------------
+// Steps both families share.
 
-using Ins = std::vector<uint32_t>;
-using Inputs = std::vector<input>;
+namespace lowering {
 
-// Count checks and operand guards shared by every function. The output
-// count line prints the actual count on the left, as this plug-in always
-// has: "failed 1 == outs.size() (2 == 1): Need 1 output for ...".
-bool checkFrame(ZelModel* model, const Ins& ins, bool inputsOk, const std::string& inputsText, const Ins& outs,
-                uint32_t outputsNeeded, const std::string& outputsText) {
-    if (!inputsOk) {
-        ZEL_LOG_LOCATED(inputsText);
-        return false;
-    }
-    if (outs.size() != outputsNeeded) {
-        ZEL_LOG_LOCATED("failed " << outputsNeeded << " == outs.size() (" << outs.size() << " == " << outputsNeeded
-                                  << "): " << outputsText);
-        return false;
-    }
-    if (model == nullptr) {
-        ZEL_LOG_LOCATED("No model to lower into");
-        return false;
-    }
-    // Malformed graphs: indices outside the graph and scalars without data
-    // are refused here, before anything is read.
-    return model->validOperands(ins, "Input") && model->validOperands(outs, "Output") &&
-           model->scalarsHaveData(ins);
+int32_t scalar(ZelModel* model, uint32_t index) {
+    return model->getScalar<int32_t>(index);
 }
 
-// Every record handed to the runtime must name a node; an empty one means
-// an operand could not be made into a node.
-bool validRecords(const Inputs& records) {
-    for (const kestrel_zel_nn_input& input : records) {
-        ZEL_CHECK_NE(kestrel_zel_nn_input{}, input, false, "Need to create a valid input operand node.");
-    }
-    return true;
-}
-
-int32_t scalar(ZelModel* model, uint32_t index) { return model->getScalar<int32_t>(index); }
-
-// One 4-byte float constant of shape 1x1x1x1.
 input floatConstant(ZelModel* model, float value) {
     uint8_t bytes[sizeof(float)];
     std::memcpy(bytes, &value, sizeof(bytes));
     return model->createTensorInternal(1, 1, 1, 1, bytes, sizeof(bytes));
 }
 
-// An int32 constant of the given dims holding `values`.
 input int32Constant(ZelModel* model, uint32_t batches, uint32_t height, uint32_t width, uint32_t depth,
                     const std::vector<int32_t>& values) {
     std::vector<uint8_t> bytes(values.size() * sizeof(int32_t));
@@ -82,20 +53,37 @@ input int32Constant(ZelModel* model, uint32_t batches, uint32_t height, uint32_t
                                        static_cast<uint32_t>(bytes.size()));
 }
 
-// Padding and strides of a window operation (convolutions and pools).
-struct Window {
-    padding_type_enum padding = ZEL_NN_PAD_NA;
-    int32_t strideWidth = 0;
-    int32_t strideHeight = 0;
-    int32_t filterWidth = 0;
-    int32_t filterHeight = 0;
-};
+input strideShape(ZelModel* model, const Window& w) {
+    return model->createShape(1, static_cast<uint32_t>(w.strideHeight), static_cast<uint32_t>(w.strideWidth), 1);
+}
 
-// Reads the padding and strides starting at ins[at] (the padding code in the
-// implicit form, the left padding in the explicit one). Pools carry the
-// window size as two scalars after the strides; convolutions take it from
-// the filter operand ins[1] (dimensions 2 and 1, NHWC).
-bool parseWindow(ZelModel* model, const Ins& ins, bool explicitForm, uint32_t at, bool poolWindow, Window* w) {
+bool Steps::checkFrame(ZelModel* model, const Ins& ins, bool inputsOk, const std::string& inputsText, const Ins& outs,
+                       uint32_t outputsNeeded, const std::string& outputsText) const {
+    if (!inputsOk) {
+        ZEL_LOG_LOCATED_IN(mSource, inputsText);
+        return false;
+    }
+    if (outs.size() != outputsNeeded) {
+        ZEL_LOG_LOCATED_IN(mSource, "failed " << outputsNeeded << " == outs.size() (" << outs.size()
+                                              << " == " << outputsNeeded << "): " << outputsText);
+        return false;
+    }
+    if (model == nullptr) {
+        ZEL_LOG_LOCATED_IN(mSource, "No model to lower into");
+        return false;
+    }
+    // Malformed graphs: indices outside the graph and scalars without data
+    // are refused here, before anything is read.
+    return model->validOperands(ins, "Input") && model->validOperands(outs, "Output") && model->scalarsHaveData(ins);
+}
+
+bool Steps::checkNamed(ZelModel* model, const Ins& ins, bool inputsOk, const std::string& need, const Ins& outs,
+                       const std::string& name) const {
+    return checkFrame(model, ins, inputsOk, "Need " + need + " for " + name, outs, 1, "Need 1 output for " + name);
+}
+
+bool Steps::parseWindow(ZelModel* model, const Ins& ins, bool explicitForm, uint32_t at, bool poolWindow,
+                        Window* w) const {
     if (!explicitForm) {
         w->padding = model->getPadding(ins[at]);
         w->strideWidth = scalar(model, ins[at + 1]);
@@ -114,7 +102,7 @@ bool parseWindow(ZelModel* model, const Ins& ins, bool explicitForm, uint32_t at
     w->strideHeight = scalar(model, ins[at + 5]);
     const Shape inShape = model->getShape(ins[0]);
     if (inShape.dimensions.size() != 4) {
-        ZEL_LOG_LOCATED("Explicit padding needs a 4-D input, got rank " << inShape.dimensions.size());
+        ZEL_LOG_LOCATED_IN(mSource, "Explicit padding needs a 4-D input, got rank " << inShape.dimensions.size());
         return false;
     }
     if (poolWindow) {
@@ -123,35 +111,54 @@ bool parseWindow(ZelModel* model, const Ins& ins, bool explicitForm, uint32_t at
     } else {
         const Shape filterShape = model->getShape(ins[1]);
         if (filterShape.dimensions.size() != 4) {
-            ZEL_LOG_LOCATED("Explicit padding needs a 4-D filter, got rank " << filterShape.dimensions.size());
+            ZEL_LOG_LOCATED_IN(mSource,
+                               "Explicit padding needs a 4-D filter, got rank " << filterShape.dimensions.size());
             return false;
         }
         w->filterWidth = static_cast<int32_t>(filterShape.dimensions[2]);
         w->filterHeight = static_cast<int32_t>(filterShape.dimensions[1]);
     }
     w->padding = getPadding(static_cast<int32_t>(inShape.dimensions[2]), static_cast<int32_t>(inShape.dimensions[1]),
-                            w->strideWidth, w->strideHeight, w->filterWidth, w->filterHeight, left, right, top,
-                            bottom);
+                            w->strideWidth, w->strideHeight, w->filterWidth, w->filterHeight, left, right, top, bottom);
     return true;
 }
 
-// Explicit paddings that are neither same nor valid padding cannot be run.
-bool knownPadding(padding_type_enum pad) {
-    ZEL_CHECK_NE(pad, ZEL_NN_PAD_NA, false, "Unknown padding");
+bool Steps::knownPadding(padding_type_enum pad) const {
+    ZEL_CHECK_NE_IN(mSource, pad, ZEL_NN_PAD_NA, false, "Unknown padding");
     return true;
 }
 
-input strideShape(ZelModel* model, const Window& w) {
-    return model->createShape(1, static_cast<uint32_t>(w.strideHeight), static_cast<uint32_t>(w.strideWidth), 1);
+}  // namespace lowering
+
+// ---------------------------------------------------------------------------
+// The quant8 family.
+
+namespace {
+
+using Ins = std::vector<uint32_t>;
+using Inputs = std::vector<input>;
+using lowering::floatConstant;
+using lowering::int32Constant;
+using lowering::scalar;
+using lowering::strideShape;
+using lowering::Window;
+
+constexpr lowering::Steps kQuant8Steps(__FILE__);
+
+// Every record handed to the runtime must name a node; an empty one means
+// an operand could not be made into a node.
+bool validRecords(const Inputs& records) {
+    for (const kestrel_zel_nn_input& input : records) {
+        ZEL_CHECK_NE(kestrel_zel_nn_input{}, input, false, "Need to create a valid input operand node.");
+    }
+    return true;
 }
 
 // add, sub, mul: [in0, in1, in0 min, in0 max, in1 min, in1 max] into the
 // fused chain without a bias.
 bool elementWise(const Ins& ins, const Ins& outs, ZelModel* model, zel_op_type_enum op, const std::string& name,
                  const char* activationText) {
-    if (!checkFrame(model, ins, ins.size() == 3, "Need 3 inputs for " + name, outs, 1, "Need 1 output for " + name)) {
-        return false;
-    }
+    if (!kQuant8Steps.checkNamed(model, ins, ins.size() == 3, "3 inputs", outs, name)) return false;
     handle_debug_info("Creating quantization nodes for inputs ...");
     const input in0 = model->getTensor(ins[0]);
     const input in1 = model->getTensor(ins[1]);
@@ -169,23 +176,22 @@ bool elementWise(const Ins& ins, const Ins& outs, ZelModel* model, zel_op_type_e
 // average and max pooling: [in, in min, in max, window, stride].
 bool pool(const Ins& ins, const Ins& outs, ZelModel* model, zel_op_type_enum op, const std::string& name,
           const char* parsingText, const char* creatingText) {
-    if (!checkFrame(model, ins, ins.size() == 7 || ins.size() == 10, "Need 7 or 10 inputs for " + name, outs, 1,
-                    "Need 1 output for " + name)) {
+    if (!kQuant8Steps.checkNamed(model, ins, ins.size() == 7 || ins.size() == 10, "7 or 10 inputs", outs, name)) {
         return false;
     }
     const bool explicitForm = ins.size() == 10;
     const input in = model->getTensor(ins[0]);
     handle_debug_info(parsingText);
     Window w;
-    if (!parseWindow(model, ins, explicitForm, 1, true, &w)) return false;
+    if (!kQuant8Steps.parseWindow(model, ins, explicitForm, 1, true, &w)) return false;
     handle_debug_info("Parsing activation function type ...");
     const zel_op_type_enum activation = model->getQuantizedActivation(ins[explicitForm ? 9 : 6]);
-    if (!knownPadding(w.padding)) return false;
+    if (!kQuant8Steps.knownPadding(w.padding)) return false;
     const input inMin = model->getQuantizationMin(ins[0]);
     const input inMax = model->getQuantizationMax(ins[0]);
     handle_debug_info(creatingText);
-    const input window = model->createShape(1, static_cast<uint32_t>(w.filterHeight),
-                                            static_cast<uint32_t>(w.filterWidth), 1);
+    const input window =
+        model->createShape(1, static_cast<uint32_t>(w.filterHeight), static_cast<uint32_t>(w.filterWidth), 1);
     const input stride = strideShape(model, w);
     const Inputs inputs = {in, inMin, inMax, window, stride};
     if (!validRecords(inputs)) return false;
@@ -204,6 +210,18 @@ Inputs withRange(ZelModel* model, uint32_t index) {
     const input inMin = model->getQuantizationMin(index);
     const input inMax = model->getQuantizationMax(index);
     return {in, inMin, inMax};
+}
+
+// The node of the layout operations: [in, parameter, in min, in max] for
+// the quantized input ins[0]. `makeParameter` makes the parameter record
+// between the input's record and its range, the order the node ids follow.
+template <typename MakeParameter>
+bool layoutNode(ZelModel* model, zel_op_type_enum op, const Ins& ins, const Ins& outs, MakeParameter makeParameter) {
+    const input in = model->getTensor(ins[0]);
+    const input parameter = makeParameter();
+    const input inMin = model->getQuantizationMin(ins[0]);
+    const input inMax = model->getQuantizationMax(ins[0]);
+    return basicNode(model, op, {in, parameter, inMin, inMax}, outs);
 }
 
 }  // namespace
@@ -251,8 +269,8 @@ bool mul(const Ins& ins, const Ins& outs, ZelModel* model) {
 // Host order: input, filter, bias, then either padding code, stride w/h,
 // activation (7) or paddings l/r/t/b, stride w/h, activation (10).
 bool conv_2d(const Ins& ins, const Ins& outs, ZelModel* model) {
-    if (!checkFrame(model, ins, ins.size() == 7 || ins.size() == 10, "Need 7 or 10 inputs for quant8_asym::conv_2d",
-                    outs, 1, "Need 1 output for quant8_asym::conv_2d")) {
+    if (!kQuant8Steps.checkNamed(model, ins, ins.size() == 7 || ins.size() == 10, "7 or 10 inputs", outs,
+                                 "quant8_asym::conv_2d")) {
         return false;
     }
     const bool explicitForm = ins.size() == 10;
@@ -263,10 +281,10 @@ bool conv_2d(const Ins& ins, const Ins& outs, ZelModel* model) {
 
     handle_debug_info("Parsing convolution parameters ...");
     Window w;
-    if (!parseWindow(model, ins, explicitForm, 3, false, &w)) return false;
+    if (!kQuant8Steps.parseWindow(model, ins, explicitForm, 3, false, &w)) return false;
     handle_debug_info("Parsing activation function type ...");
     const zel_op_type_enum activation = model->getQuantizedActivation(ins[explicitForm ? 9 : 6]);
-    if (!knownPadding(w.padding)) return false;
+    if (!kQuant8Steps.knownPadding(w.padding)) return false;
 
     handle_debug_info("Creating quantization min / max nodes for inputs ...");
     const input inMin = model->getQuantizationMin(ins[0]);
@@ -289,9 +307,8 @@ bool conv_2d(const Ins& ins, const Ins& outs, ZelModel* model) {
 // As conv_2d with the depth multiplier before the activation. Only 8 and 11
 // inputs are accepted although the text reads "8 to 11"; kept as it is.
 bool depthwise_conv_2d(const Ins& ins, const Ins& outs, ZelModel* model) {
-    if (!checkFrame(model, ins, ins.size() == 8 || ins.size() == 11,
-                    "Need 8 to 11 inputs for quant8_asym::depthwise_conv_2d", outs, 1,
-                    "Need 1 output for quant8_asym::depthwise_conv_2d")) {
+    if (!kQuant8Steps.checkNamed(model, ins, ins.size() == 8 || ins.size() == 11, "8 to 11 inputs", outs,
+                                 "quant8_asym::depthwise_conv_2d")) {
         return false;
     }
     const bool explicitForm = ins.size() == 11;
@@ -301,11 +318,11 @@ bool depthwise_conv_2d(const Ins& ins, const Ins& outs, ZelModel* model) {
 
     handle_debug_info("Parsing depthwise convolution parameters ...");
     Window w;
-    if (!parseWindow(model, ins, explicitForm, 3, false, &w)) return false;
+    if (!kQuant8Steps.parseWindow(model, ins, explicitForm, 3, false, &w)) return false;
     const uint32_t multiplier = static_cast<uint32_t>(scalar(model, ins[explicitForm ? 9 : 6]));
     handle_debug_info("Parsing activation function type ...");
     const zel_op_type_enum activation = model->getQuantizedActivation(ins[explicitForm ? 10 : 7]);
-    if (!knownPadding(w.padding)) return false;
+    if (!kQuant8Steps.knownPadding(w.padding)) return false;
 
     handle_debug_info("Creating quantization min / max nodes for inputs ...");
     const input inMin = model->getQuantizationMin(ins[0]);
@@ -328,8 +345,7 @@ bool depthwise_conv_2d(const Ins& ins, const Ins& outs, ZelModel* model) {
 
 // Host order: input, weights [units, inputSize], bias, activation.
 bool fully_connected(const Ins& ins, const Ins& outs, ZelModel* model) {
-    if (!checkFrame(model, ins, ins.size() == 4, "Need 4 inputs for quant8::fully_connected", outs, 1,
-                    "Need 1 output for quant8::fully_connected")) {
+    if (!kQuant8Steps.checkNamed(model, ins, ins.size() == 4, "4 inputs", outs, "quant8::fully_connected")) {
         return false;
     }
     handle_debug_info("Creating quantization nodes for inputs ...");
@@ -367,8 +383,8 @@ bool max_pool_2d(const Ins& ins, const Ins& outs, ZelModel* model) {
 // min0 .. minN-1, max0 .. maxN-1]; the dimension is the axis counted in the
 // runtime's four dimensions.
 bool concatenation(const Ins& ins, const Ins& outs, ZelModel* model) {
-    if (!checkFrame(model, ins, ins.size() >= 3, "Need at least 3 inputs for quant8_asym::concatenation", outs, 1,
-                    "Need 1 output for quant8_asym::concatenation")) {
+    if (!kQuant8Steps.checkNamed(model, ins, ins.size() >= 3, "at least 3 inputs", outs,
+                                 "quant8_asym::concatenation")) {
         return false;
     }
     const size_t count = ins.size() - 1;
@@ -392,19 +408,13 @@ bool concatenation(const Ins& ins, const Ins& outs, ZelModel* model) {
 }
 
 bool relu(const Ins& ins, const Ins& outs, ZelModel* model) {
-    if (!checkFrame(model, ins, ins.size() == 1, "Need 1 input for quant8_asym::relu", outs, 1,
-                    "Need 1 output for quant8_asym::relu")) {
-        return false;
-    }
+    if (!kQuant8Steps.checkNamed(model, ins, ins.size() == 1, "1 input", outs, "quant8_asym::relu")) return false;
     return basicNode(model, ZEL_OP_QuantizedRelu_8, withRange(model, ins[0]), outs);
 }
 
 // RELU1 clamps to [-1.0, 1.0].
 bool relu1(const Ins& ins, const Ins& outs, ZelModel* model) {
-    if (!checkFrame(model, ins, ins.size() == 1, "Need 1 input for quant8_asym::relu1", outs, 1,
-                    "Need 1 output for quant8_asym::relu1")) {
-        return false;
-    }
+    if (!kQuant8Steps.checkNamed(model, ins, ins.size() == 1, "1 input", outs, "quant8_asym::relu1")) return false;
     Inputs inputs = withRange(model, ins[0]);
     inputs.push_back(floatConstant(model, -1.0f));
     inputs.push_back(floatConstant(model, 1.0f));
@@ -413,10 +423,7 @@ bool relu1(const Ins& ins, const Ins& outs, ZelModel* model) {
 
 // RELU6 is ReluX with the bound 6.0.
 bool relu6(const Ins& ins, const Ins& outs, ZelModel* model) {
-    if (!checkFrame(model, ins, ins.size() == 1, "Need 1 input for quant8_asym::relu6", outs, 1,
-                    "Need 1 output for quant8_asym::relu6")) {
-        return false;
-    }
+    if (!kQuant8Steps.checkNamed(model, ins, ins.size() == 1, "1 input", outs, "quant8_asym::relu6")) return false;
     Inputs inputs = withRange(model, ins[0]);
     inputs.push_back(floatConstant(model, 6.0f));
     return basicNode(model, ZEL_OP_QuantizedReluX_8, inputs, outs);
@@ -424,10 +431,7 @@ bool relu6(const Ins& ins, const Ins& outs, ZelModel* model) {
 
 // Node: [in, alpha, in min, in max, alpha min, alpha max].
 bool prelu(const Ins& ins, const Ins& outs, ZelModel* model) {
-    if (!checkFrame(model, ins, ins.size() == 2, "Need 2 inputs for quant8_asym::prelu", outs, 1,
-                    "Need 1 output for quant8_asym::prelu")) {
-        return false;
-    }
+    if (!kQuant8Steps.checkNamed(model, ins, ins.size() == 2, "2 inputs", outs, "quant8_asym::prelu")) return false;
     const input in = model->getTensor(ins[0]);
     const input alpha = model->getTensor(ins[1]);
     const input inMin = model->getQuantizationMin(ins[0]);
@@ -439,10 +443,7 @@ bool prelu(const Ins& ins, const Ins& outs, ZelModel* model) {
 
 // Node: [in, in min, the real value of quantized 256 in the input's range].
 bool logistic(const Ins& ins, const Ins& outs, ZelModel* model) {
-    if (!checkFrame(model, ins, ins.size() == 1, "Need 1 input for quant8_asym::logistic", outs, 1,
-                    "Need 1 output for quant8_asym::logistic")) {
-        return false;
-    }
+    if (!kQuant8Steps.checkNamed(model, ins, ins.size() == 1, "1 input", outs, "quant8_asym::logistic")) return false;
     const input in = model->getTensor(ins[0]);
     const input inMin = model->getQuantizationMin(ins[0]);
     const input upper = model->createQuantizationValue(ins[0], 256);
@@ -452,10 +453,7 @@ bool logistic(const Ins& ins, const Ins& outs, ZelModel* model) {
 // Node: [in, beta, in min, in max]. The runtime's softmax output range is
 // its own, so the output goes to the output node without the range fix-up.
 bool softmax(const Ins& ins, const Ins& outs, ZelModel* model) {
-    if (!checkFrame(model, ins, ins.size() == 2, "Need 2 inputs for quant8_asym::softmax", outs, 1,
-                    "Need 1 output for quant8_asym::softmax")) {
-        return false;
-    }
+    if (!kQuant8Steps.checkNamed(model, ins, ins.size() == 2, "2 inputs", outs, "quant8_asym::softmax")) return false;
     const input in = model->getTensor(ins[0]);
     const input beta = model->getTensor(ins[1]);
     const input inMin = model->getQuantizationMin(ins[0]);
@@ -468,66 +466,43 @@ bool softmax(const Ins& ins, const Ins& outs, ZelModel* model) {
 
 // Node: [in, shape (host int32 tensor), in min, in max].
 bool reshape(const Ins& ins, const Ins& outs, ZelModel* model) {
-    if (!checkFrame(model, ins, ins.size() == 2, "Need 2 inputs for quant8_asym::reshape", outs, 1,
-                    "Need 1 output for quant8_asym::reshape")) {
-        return false;
-    }
-    const input in = model->getTensor(ins[0]);
-    const input shape = model->getTensor(ins[1]);
-    const input inMin = model->getQuantizationMin(ins[0]);
-    const input inMax = model->getQuantizationMax(ins[0]);
-    return basicNode(model, ZEL_OP_QuantizedReshape, {in, shape, inMin, inMax}, outs);
+    if (!kQuant8Steps.checkNamed(model, ins, ins.size() == 2, "2 inputs", outs, "quant8_asym::reshape")) return false;
+    return layoutNode(model, ZEL_OP_QuantizedReshape, ins, outs, [&] { return model->getTensor(ins[1]); });
 }
 
 // A reshape to the output's dimensions, given as a 1x1x1xN int32 constant.
 bool squeeze(const Ins& ins, const Ins& outs, ZelModel* model) {
-    if (!checkFrame(model, ins, ins.size() == 2, std::string("Need 2 inputs for ") + "SQUEEZE", outs, 1,
-                    std::string("Need 1 output for ") + "SQUEEZE")) {
-        return false;
-    }
-    const input in = model->getTensor(ins[0]);
-    const std::vector<uint32_t> dims = model->getShape(outs[0]).dimensions;
-    const std::vector<int32_t> newShape(dims.begin(), dims.end());
-    const input shape = int32Constant(model, 1, 1, 1, static_cast<uint32_t>(newShape.size()), newShape);
-    const input inMin = model->getQuantizationMin(ins[0]);
-    const input inMax = model->getQuantizationMax(ins[0]);
-    return basicNode(model, ZEL_OP_QuantizedReshape, {in, shape, inMin, inMax}, outs);
+    if (!kQuant8Steps.checkNamed(model, ins, ins.size() == 2, "2 inputs", outs, "SQUEEZE")) return false;
+    return layoutNode(model, ZEL_OP_QuantizedReshape, ins, outs, [&] {
+        const std::vector<uint32_t> dims = model->getShape(outs[0]).dimensions;
+        const std::vector<int32_t> newShape(dims.begin(), dims.end());
+        return int32Constant(model, 1, 1, 1, static_cast<uint32_t>(newShape.size()), newShape);
+    });
 }
 
 // Node: [in, paddings (host int32 tensor), in min, in max].
 bool pad(const Ins& ins, const Ins& outs, ZelModel* model) {
-    if (!checkFrame(model, ins, ins.size() == 2, "Need 2 inputs for quant8_asym::pad", outs, 1,
-                    "Need 1 output for quant8_asym::pad")) {
-        return false;
-    }
-    const input in = model->getTensor(ins[0]);
-    const input paddings = model->getTensor(ins[1]);
-    const input inMin = model->getQuantizationMin(ins[0]);
-    const input inMax = model->getQuantizationMax(ins[0]);
-    return basicNode(model, ZEL_OP_QuantizedPad_8, {in, paddings, inMin, inMax}, outs);
+    if (!kQuant8Steps.checkNamed(model, ins, ins.size() == 2, "2 inputs", outs, "quant8_asym::pad")) return false;
+    return layoutNode(model, ZEL_OP_QuantizedPad_8, ins, outs, [&] { return model->getTensor(ins[1]); });
 }
 
 // Host order: input, new width, new height. Node: [in, size {h, w}, in min,
 // in max]. The count texts name the float function; they are kept so.
 bool resize_bilinear(const Ins& ins, const Ins& outs, ZelModel* model) {
-    if (!checkFrame(model, ins, ins.size() == 3, "Need 3 inputs for float32::resize_bilinear", outs, 1,
-                    "Need 1 output for float32::resize_bilinear")) {
+    if (!kQuant8Steps.checkNamed(model, ins, ins.size() == 3, "3 inputs", outs, "float32::resize_bilinear")) {
         return false;
     }
-    const input in = model->getTensor(ins[0]);
-    const int32_t newWidth = scalar(model, ins[1]);
-    const int32_t newHeight = scalar(model, ins[2]);
-    const input size = int32Constant(model, 1, 1, 1, 2, {newHeight, newWidth});
-    const input inMin = model->getQuantizationMin(ins[0]);
-    const input inMax = model->getQuantizationMax(ins[0]);
-    return basicNode(model, ZEL_OP_QuantizedResizeBilinear_8, {in, size, inMin, inMax}, outs);
+    return layoutNode(model, ZEL_OP_QuantizedResizeBilinear_8, ins, outs, [&] {
+        const int32_t newWidth = scalar(model, ins[1]);
+        const int32_t newHeight = scalar(model, ins[2]);
+        return int32Constant(model, 1, 1, 1, 2, {newHeight, newWidth});
+    });
 }
 
 // Node: [in, in min, in max, block shape, crops]; the crops are all zero,
 // 1x1x(rank-2)x2.
 bool batch_to_space_nd(const Ins& ins, const Ins& outs, ZelModel* model) {
-    if (!checkFrame(model, ins, ins.size() == 2, "Need 2 inputs for quant8_asym::batch_to_space_nd", outs, 1,
-                    "Need 1 output for quant8_asym::batch_to_space_nd")) {
+    if (!kQuant8Steps.checkNamed(model, ins, ins.size() == 2, "2 inputs", outs, "quant8_asym::batch_to_space_nd")) {
         return false;
     }
     const size_t rank = model->getShape(ins[0]).dimensions.size();
@@ -544,8 +519,7 @@ bool batch_to_space_nd(const Ins& ins, const Ins& outs, ZelModel* model) {
 
 // Node: [in, in min, in max, block shape, paddings].
 bool space_to_batch_nd(const Ins& ins, const Ins& outs, ZelModel* model) {
-    if (!checkFrame(model, ins, ins.size() == 3, "Need 3 inputs for quant8_asym::space_to_batch_nd", outs, 1,
-                    "Need 1 output for quant8_asym::space_to_batch_nd")) {
+    if (!kQuant8Steps.checkNamed(model, ins, ins.size() == 3, "3 inputs", outs, "quant8_asym::space_to_batch_nd")) {
         return false;
     }
     Inputs inputs = withRange(model, ins[0]);
@@ -556,15 +530,11 @@ bool space_to_batch_nd(const Ins& ins, const Ins& outs, ZelModel* model) {
 
 // Node: [in, block size (int32 1x1x1x1), in min, in max].
 bool space_to_depth(const Ins& ins, const Ins& outs, ZelModel* model) {
-    if (!checkFrame(model, ins, ins.size() == 2, "Need 2 inputs for quant8_asym::space_to_depth", outs, 1,
-                    "Need 1 output for quant8_asym::space_to_depth")) {
+    if (!kQuant8Steps.checkNamed(model, ins, ins.size() == 2, "2 inputs", outs, "quant8_asym::space_to_depth")) {
         return false;
     }
-    const input in = model->getTensor(ins[0]);
-    const input blockSize = int32Constant(model, 1, 1, 1, 1, {scalar(model, ins[1])});
-    const input inMin = model->getQuantizationMin(ins[0]);
-    const input inMax = model->getQuantizationMax(ins[0]);
-    return basicNode(model, ZEL_OP_QuantizedSpaceToDepth_8, {in, blockSize, inMin, inMax}, outs);
+    return layoutNode(model, ZEL_OP_QuantizedSpaceToDepth_8, ins, outs,
+                      [&] { return int32Constant(model, 1, 1, 1, 1, {scalar(model, ins[1])}); });
 }
 
 // Vendor LSTM: six inputs (ins[5] and outputs 1 and 3 are 16-bit custom
@@ -572,8 +542,8 @@ bool space_to_depth(const Ins& ins, const Ins& outs, ZelModel* model) {
 // [ins0, ins1, ins2, weights, ins4, ins5, range of ins1 (q 0 and 255),
 //  weights min/max, ins4 min/max, range of ins5 (q -32768 and 32768)].
 bool oemLstm(const Ins& ins, const Ins& outs, ZelModel* model) {
-    if (!checkFrame(model, ins, ins.size() == 6, "Need 6 inputs for OEM LSTM", outs, 4,
-                    "Need 4 outputs for OEM LSTM")) {
+    if (!kQuant8Steps.checkFrame(model, ins, ins.size() == 6, "Need 6 inputs for OEM LSTM", outs, 4,
+                                 "Need 4 outputs for OEM LSTM")) {
         return false;
     }
     const input in0 = model->getTensor(ins[0]);
@@ -590,10 +560,10 @@ bool oemLstm(const Ins& ins, const Ins& outs, ZelModel* model) {
     const input in4Max = model->getQuantizationMax(ins[4]);
     const input in5Low = model->createQuantizationValue(ins[5], -32768);
     const input in5High = model->createQuantizationValue(ins[5], 32768);
-    return basicNode(model, ZEL_OP_QuantizedLstm_8,
-                     {in0, in1, in2, weights, in4, in5, in1Low, in1High, weightsMin, weightsMax, in4Min, in4Max,
-                      in5Low, in5High},
-                     outs);
+    return basicNode(
+        model, ZEL_OP_QuantizedLstm_8,
+        {in0, in1, in2, weights, in4, in5, in1Low, in1High, weightsMin, weightsMax, in4Min, in4Max, in5Low, in5High},
+        outs);
 }
 
 // Vendor split: ins[0] split dimension, ins[1] data, ins[2] number of
@@ -608,8 +578,7 @@ bool oemSplit(const Ins& ins, const Ins& outs, ZelModel* model) {
         ZEL_LOG_LOCATED("No model to lower into");
         return false;
     }
-    if (!model->validOperands(ins, "Input") || !model->validOperands(outs, "Output") ||
-        !model->scalarsHaveData(ins)) {
+    if (!model->validOperands(ins, "Input") || !model->validOperands(outs, "Output") || !model->scalarsHaveData(ins)) {
         return false;
     }
     ZEL_CHECK_EQ((size_t)model->getScalar<int32_t>(ins[2]), outs.size(), false, "Number of outputs is incorrect");
@@ -623,7 +592,9 @@ bool oemSplit(const Ins& ins, const Ins& outs, ZelModel* model) {
 }
 
 // Not lowered: a transposed convolution always fails here.
-bool transpose_conv_2d(const Ins& /*ins*/, const Ins& /*outs*/, ZelModel* /*model*/) { return false; }
+bool transpose_conv_2d(const Ins& /*ins*/, const Ins& /*outs*/, ZelModel* /*model*/) {
+    return false;
+}
 
 }  // namespace quant8_asym
 }  // namespace zel

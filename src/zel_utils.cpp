@@ -413,9 +413,14 @@ bool dequantizePrepare(const Shape& input, Shape* output) {
     return true;
 }
 
-bool convPrepare(const Shape& input, const Shape& filter, const Shape& bias, int32_t padding_left,
-                 int32_t padding_right, int32_t padding_top, int32_t padding_bottom, int32_t stride_width,
-                 int32_t stride_height, Shape* output) {
+namespace {
+
+// Both convolutions: the same operand checks in the same order, the rule
+// that tells them apart, then the NHWC output. A convolution's filter is
+// [depth out, h, w, depth in]; a depthwise one's is [1, h, w, depth out].
+bool convolutionPrepare(bool depthwise, const Shape& input, const Shape& filter, const Shape& bias,
+                        int32_t padding_left, int32_t padding_right, int32_t padding_top, int32_t padding_bottom,
+                        int32_t stride_width, int32_t stride_height, Shape* output) {
     NN_CHECK(output != nullptr);
     NN_CHECK(input.type == filter.type);
     if (input.type == OperandType::TENSOR_QUANT8) {
@@ -426,40 +431,37 @@ bool convPrepare(const Shape& input, const Shape& filter, const Shape& bias, int
     NN_CHECK(getNumberOfDimensions(input) == 4);
     NN_CHECK(getNumberOfDimensions(filter) == 4);
     NN_CHECK(getNumberOfDimensions(bias) == 1);
-    NN_CHECK(getSizeOfDimension(filter, 0) == getSizeOfDimension(bias, 0));
-    NN_CHECK(getSizeOfDimension(filter, 3) == getSizeOfDimension(input, 3));
+    if (depthwise) {
+        NN_CHECK(getSizeOfDimension(filter, 3) == getSizeOfDimension(bias, 0));
+    } else {
+        NN_CHECK(getSizeOfDimension(filter, 0) == getSizeOfDimension(bias, 0));
+        NN_CHECK(getSizeOfDimension(filter, 3) == getSizeOfDimension(input, 3));
+    }
 
     const uint32_t outHeight = windowOutputSize(getSizeOfDimension(input, 1), padding_top, padding_bottom,
                                                 stride_height, getSizeOfDimension(filter, 1));
     const uint32_t outWidth = windowOutputSize(getSizeOfDimension(input, 2), padding_left, padding_right, stride_width,
                                                getSizeOfDimension(filter, 2));
     output->type = input.type;
-    output->dimensions = {getSizeOfDimension(input, 0), outHeight, outWidth, getSizeOfDimension(filter, 0)};
+    output->dimensions = {getSizeOfDimension(input, 0), outHeight, outWidth,
+                          getSizeOfDimension(filter, depthwise ? 3 : 0)};
     return true;
+}
+
+}  // namespace
+
+bool convPrepare(const Shape& input, const Shape& filter, const Shape& bias, int32_t padding_left,
+                 int32_t padding_right, int32_t padding_top, int32_t padding_bottom, int32_t stride_width,
+                 int32_t stride_height, Shape* output) {
+    return convolutionPrepare(false, input, filter, bias, padding_left, padding_right, padding_top, padding_bottom,
+                              stride_width, stride_height, output);
 }
 
 bool depthwiseConvPrepare(const Shape& input, const Shape& filter, const Shape& bias, int32_t padding_left,
                           int32_t padding_right, int32_t padding_top, int32_t padding_bottom, int32_t stride_width,
                           int32_t stride_height, Shape* output) {
-    NN_CHECK(output != nullptr);
-    NN_CHECK(input.type == filter.type);
-    if (input.type == OperandType::TENSOR_QUANT8) {
-        NN_CHECK(bias.type == OperandType::TENSOR_INT32);
-    } else {
-        NN_CHECK(input.type == bias.type);
-    }
-    NN_CHECK(getNumberOfDimensions(input) == 4);
-    NN_CHECK(getNumberOfDimensions(filter) == 4);
-    NN_CHECK(getNumberOfDimensions(bias) == 1);
-    NN_CHECK(getSizeOfDimension(filter, 3) == getSizeOfDimension(bias, 0));
-
-    const uint32_t outHeight = windowOutputSize(getSizeOfDimension(input, 1), padding_top, padding_bottom,
-                                                stride_height, getSizeOfDimension(filter, 1));
-    const uint32_t outWidth = windowOutputSize(getSizeOfDimension(input, 2), padding_left, padding_right, stride_width,
-                                               getSizeOfDimension(filter, 2));
-    output->type = input.type;
-    output->dimensions = {getSizeOfDimension(input, 0), outHeight, outWidth, getSizeOfDimension(filter, 3)};
-    return true;
+    return convolutionPrepare(true, input, filter, bias, padding_left, padding_right, padding_top, padding_bottom,
+                              stride_width, stride_height, output);
 }
 
 bool genericPoolingPrepare(const Shape& input, int32_t padding_left, int32_t padding_right, int32_t padding_top,

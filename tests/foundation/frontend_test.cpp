@@ -92,23 +92,6 @@ TEST_F(FrontEnd, OnlyTheQuantizedCapabilitiesAreClaimed) {
 
 // --- support query -------------------------------------------------------------
 
-TEST_F(FrontEnd, SupportQueryReportsEveryOperation) {
-    ReluGraph relu;
-    const uint32_t out2 = relu.graph.addQuant8({1, 2, 2, 1}, 0.5f, 10, Lifetime::Internal);
-    relu.graph.addOperation(OperationType::LSH_PROJECTION, {relu.graph.getInput(0)}, {out2});
-    HostSupportQuery query(2);
-    zeltest::LogCapture log;
-    mAccelerator.isGraphSupported(&relu.graph, &query);
-    EXPECT_THAT(query.levels(), ElementsAre(0, 1));
-    const auto texts = withoutWorkerLines(log.texts());
-    EXPECT_EQ(texts.front(), "In ZelAccelerator::isGraphSupported()");
-    EXPECT_EQ(log.count("Total number of operations: 2"), 1u);
-    EXPECT_EQ(log.count("operation id: 0"), 1u);
-    EXPECT_EQ(log.count("operation id: 1"), 1u);
-    EXPECT_EQ(texts.back(), "Out ZelAccelerator::isGraphSupported()");
-    EXPECT_EQ(log.startingWith("In isZelAvailable()").size(), 0u) << "a query does not probe the runtime";
-}
-
 TEST_F(FrontEnd, SupportQueryOfAnEmptyGraph) {
     HostGraph graph;
     HostSupportQuery query(0);

@@ -134,6 +134,11 @@ TEST_F(PluginEndToEnd, SupportLevelsOfAMixedGraph) {
     zeltest::LogCapture log;
     EXPECT_EQ(querySupport(*accelerator, g), (std::vector<int>{0, 1, 1}));
     EXPECT_EQ(log.count("{ADD, TENSOR_FP32} is not supported."), 1u);
+    EXPECT_EQ(log.count("In ZelAccelerator::isGraphSupported()"), 1u);
+    EXPECT_EQ(log.count("Total number of operations: 3"), 1u);
+    EXPECT_EQ(log.count("operation id: 2"), 1u);
+    EXPECT_EQ(log.count("Out ZelAccelerator::isGraphSupported()"), 1u);
+    EXPECT_EQ(log.count("In isZelAvailable()"), 0u) << "a query does not probe the runtime";
     EXPECT_EQ(zelsim::callCount("init"), 0) << "a support query builds no runtime graph";
 }
 

@@ -11,16 +11,19 @@ zel_add_gtest(foundation_binding_test
   SOURCES foundation/binding_test.cpp
   LIBS zel_core zel_kestrel_runtime)
 
-# The later LD_LIBRARY_PATH entry wins over the simulator directory.
+# One source, two unusable runtimes; the later LD_LIBRARY_PATH entry wins
+# over the simulator directory.
 zel_add_gtest(foundation_nolib_test
-  SOURCES foundation/nolib_test.cpp
+  SOURCES foundation/unusable_runtime_test.cpp
   LIBS zel_core
   ENV LD_LIBRARY_PATH=${ZEL_FOUNDATION_EMPTY_LIBDIR})
+target_compile_definitions(foundation_nolib_test PRIVATE ZEL_MISSING_RUNTIME=1)
 
 zel_add_gtest(foundation_noconfig_test
-  SOURCES foundation/noconfig_test.cpp
+  SOURCES foundation/unusable_runtime_test.cpp
   LIBS zel_core
   ENV LD_LIBRARY_PATH=${CMAKE_BINARY_DIR}/sim-noconfig)
+target_compile_definitions(foundation_noconfig_test PRIVATE ZEL_MISSING_RUNTIME=0)
 
 zel_add_gtest(foundation_voting_test
   SOURCES foundation/voting_test.cpp

@@ -21,17 +21,6 @@ Affine8 affine(float scale, int32_t zero) {
     return a;
 }
 
-uint32_t outSize(uint32_t in, uint32_t f, uint32_t s, bool same, uint32_t* pad) {
-    if (same) {
-        const uint32_t out = (in + s - 1) / s;
-        const int total = static_cast<int>((out - 1) * s + f) - static_cast<int>(in);
-        *pad = total > 0 ? static_cast<uint32_t>(total / 2) : 0;
-        return out;
-    }
-    *pad = 0;
-    return (in - f) / s + 1;
-}
-
 struct Sweep {
     uint32_t batches, inH, inW, inD, fH, fW, outD, stride;
     bool same;
@@ -51,8 +40,8 @@ TEST(IntegerKernels, ConvMatchesReference) {
         k::ConvShape s;
         s.batches = w.batches, s.inH = w.inH, s.inW = w.inW, s.inD = w.inD, s.fH = w.fH, s.fW = w.fW;
         s.outD = w.outD, s.strideH = s.strideW = w.stride;
-        s.outH = outSize(w.inH, w.fH, w.stride, w.same, &s.padTop);
-        s.outW = outSize(w.inW, w.fW, w.stride, w.same, &s.padLeft);
+        s.outH = windowAxis(w.inH, w.fH, w.stride, w.same, &s.padTop);
+        s.outW = windowAxis(w.inW, w.fW, w.stride, w.same, &s.padLeft);
         const Affine8 ai = affine(0.5f, w.zi), af = affine(0.25f, w.zf);
         ASSERT_TRUE(k::integerSumsFit(k::convTaps(s), ai, af));
         const std::vector<uint8_t> in = g.bytes(w.batches * w.inH * w.inW * w.inD);
@@ -72,8 +61,8 @@ TEST(IntegerKernels, DepthwiseMatchesReference) {
             k::ConvShape s;
             s.batches = w.batches, s.inH = w.inH, s.inW = w.inW, s.inD = w.inD, s.fH = w.fH, s.fW = w.fW;
             s.mult = mult, s.outD = w.inD * mult, s.strideH = s.strideW = w.stride;
-            s.outH = outSize(w.inH, w.fH, w.stride, w.same, &s.padTop);
-            s.outW = outSize(w.inW, w.fW, w.stride, w.same, &s.padLeft);
+            s.outH = windowAxis(w.inH, w.fH, w.stride, w.same, &s.padTop);
+            s.outW = windowAxis(w.inW, w.fW, w.stride, w.same, &s.padLeft);
             const Affine8 ai = affine(0.5f, w.zi), af = affine(0.25f, w.zf);
             const std::vector<uint8_t> in = g.bytes(w.batches * w.inH * w.inW * w.inD);
             const std::vector<uint8_t> f = g.bytes(w.fH * w.fW * s.outD);

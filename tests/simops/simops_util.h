@@ -6,7 +6,6 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
-#include <deque>
 #include <string>
 #include <vector>
 
@@ -24,61 +23,53 @@ struct D4 {
     uint32_t count() const { return b * h * w * c; }
 };
 
+// The bytes of `values` as they lie in memory.
+template <typename T>
+std::vector<uint8_t> bytesOf(const std::vector<T>& values) {
+    std::vector<uint8_t> bytes(values.size() * sizeof(T));
+    if (!bytes.empty()) std::memcpy(bytes.data(), values.data(), bytes.size());
+    return bytes;
+}
+
+template <typename T>
+std::vector<T> valuesOf(const Tensor& t) {
+    std::vector<T> v(t.data.size() / sizeof(T));
+    if (!v.empty()) std::memcpy(v.data(), t.data.data(), v.size() * sizeof(T));
+    return v;
+}
+
+inline Tensor tensor(D4 d, uint32_t elementSize, std::vector<uint8_t> data) {
+    Tensor t;
+    t.dims[0] = d.b, t.dims[1] = d.h, t.dims[2] = d.w, t.dims[3] = d.c;
+    t.elementSize = elementSize;
+    t.data = std::move(data);
+    return t;
+}
+
 inline Tensor u8(D4 d, std::vector<uint8_t> v) {
-    Tensor t;
-    t.dims[0] = d.b, t.dims[1] = d.h, t.dims[2] = d.w, t.dims[3] = d.c;
-    t.elementSize = 1;
-    t.data = std::move(v);
-    return t;
+    return tensor(d, 1, std::move(v));
 }
-
 inline Tensor i32(D4 d, const std::vector<int32_t>& v) {
-    Tensor t;
-    t.dims[0] = d.b, t.dims[1] = d.h, t.dims[2] = d.w, t.dims[3] = d.c;
-    t.elementSize = 4;
-    t.data.resize(v.size() * 4);
-    std::memcpy(t.data.data(), v.data(), t.data.size());
-    return t;
+    return tensor(d, 4, bytesOf(v));
 }
-
 inline Tensor f32(D4 d, const std::vector<float>& v) {
-    Tensor t;
-    t.dims[0] = d.b, t.dims[1] = d.h, t.dims[2] = d.w, t.dims[3] = d.c;
-    t.elementSize = 4;
-    t.data.resize(v.size() * 4);
-    std::memcpy(t.data.data(), v.data(), t.data.size());
-    return t;
+    return tensor(d, 4, bytesOf(v));
 }
-
 inline Tensor scalar(float v) {
     return f32({1, 1, 1, 1}, {v});
 }
 
 // A shape-only constant (stride, window): dims 1xHxWx1 over one zero word.
 inline Tensor hw(uint32_t h, uint32_t w) {
-    Tensor t;
-    t.dims[1] = h, t.dims[2] = w;
-    t.elementSize = (h * w != 0 && 4 % (h * w) == 0) ? 4 / (h * w) : 1;
-    t.data.assign(4, 0);
-    return t;
-}
-
-inline std::vector<uint8_t> bytes(const Tensor& t) {
-    return t.data;
+    return tensor({1, h, w, 1}, (h * w != 0 && 4 % (h * w) == 0) ? 4 / (h * w) : 1, std::vector<uint8_t>(4, 0));
 }
 
 inline std::vector<int32_t> ints(const Tensor& t) {
-    std::vector<int32_t> v(t.data.size() / 4);
-    std::memcpy(v.data(), t.data.data(), v.size() * 4);
-    return v;
+    return valuesOf<int32_t>(t);
 }
-
 inline std::vector<float> floats(const Tensor& t) {
-    std::vector<float> v(t.data.size() / 4);
-    std::memcpy(v.data(), t.data.data(), v.size() * 4);
-    return v;
+    return valuesOf<float>(t);
 }
-
 inline float first(const Tensor& t) {
     return floats(t).at(0);
 }
@@ -96,7 +87,7 @@ struct OpRun {
     std::vector<Tensor> outs;
     std::string error;
 
-    OpRun(int32_t op, int32_t padding = 0) {
+    explicit OpRun(int32_t op, int32_t padding = 0) {
         node.op = op;
         node.padding = padding;
     }
@@ -104,12 +95,13 @@ struct OpRun {
         ins.push_back(std::move(t));
         return *this;
     }
+    // Scalar inputs, e.g. the ranges of the inputs.
+    OpRun& scalars(std::initializer_list<float> values) {
+        for (float v : values) ins.push_back(scalar(v));
+        return *this;
+    }
     OpRun& out(D4 d, uint32_t elementSize) {
-        Tensor t;
-        t.dims[0] = d.b, t.dims[1] = d.h, t.dims[2] = d.w, t.dims[3] = d.c;
-        t.elementSize = elementSize;
-        t.data.assign(static_cast<size_t>(d.count()) * elementSize, 0xEE);
-        outs.push_back(std::move(t));
+        outs.push_back(tensor(d, elementSize, std::vector<uint8_t>(size_t(d.count()) * elementSize, 0xEE)));
         return *this;
     }
     // Value record plus the two range records.
@@ -151,7 +143,7 @@ struct NodeCheck {
     std::vector<std::vector<uint8_t>> consts;
     std::vector<Input> inputs;
 
-    NodeCheck(int32_t op, int32_t padding = 0) {
+    explicit NodeCheck(int32_t op, int32_t padding = 0) {
         node.op = op;
         node.padding = padding;
     }
@@ -169,19 +161,15 @@ struct NodeCheck {
         consts.push_back(std::move(data));
         return add(kConst, consts.size() - 1, d);
     }
-    NodeCheck& bytesOf(D4 d) { return constant(d, std::vector<uint8_t>(d.count(), 7)); }
+    NodeCheck& bytes(D4 d) { return constant(d, std::vector<uint8_t>(d.count(), 7)); }
     // An input that refers to nothing.
     NodeCheck& none() { return add(kNone, 0, {0, 0, 0, 0}); }
-    NodeCheck& scalar(float v) {
-        std::vector<uint8_t> b(4);
-        std::memcpy(b.data(), &v, 4);
-        return constant({1, 1, 1, 1}, b);
+    // Scalar inputs, e.g. the ranges of the inputs.
+    NodeCheck& scalars(std::initializer_list<float> values) {
+        for (float v : values) constant({1, 1, 1, 1}, bytesOf(std::vector<float>{v}));
+        return *this;
     }
-    NodeCheck& int32s(D4 d, const std::vector<int32_t>& v) {
-        std::vector<uint8_t> b(v.size() * 4);
-        std::memcpy(b.data(), v.data(), b.size());
-        return constant(d, b);
-    }
+    NodeCheck& int32s(D4 d, const std::vector<int32_t>& v) { return constant(d, bytesOf(v)); }
     NodeCheck& shape(uint32_t h, uint32_t w) { return constant({1, h, w, 1}, std::vector<uint8_t>(4, 0)); }
     NodeCheck& out(D4 d, uint32_t elementSize) {
         node.outputs.push_back(record(d, elementSize));
@@ -217,10 +205,9 @@ struct Lcg {
         s = s * 1664525u + 1013904223u;
         return s >> 8;
     }
-    uint8_t byte() { return static_cast<uint8_t>(next() & 0xFF); }
     std::vector<uint8_t> bytes(size_t n) {
         std::vector<uint8_t> v(n);
-        for (auto& b : v) b = byte();
+        for (auto& b : v) b = static_cast<uint8_t>(next() & 0xFF);
         return v;
     }
 };
@@ -232,6 +219,19 @@ struct HostRange {
 };
 inline HostRange hostRange(float scale, int32_t zero) {
     return {scale * static_cast<float>(0 - zero), scale * static_cast<float>(255 - zero)};
+}
+
+// Output size and leading pad of one window axis, as the node contract
+// defines SAME (odd pixel at the end) and VALID.
+inline uint32_t windowAxis(uint32_t in, uint32_t f, uint32_t s, bool same, uint32_t* pad) {
+    if (!same) {
+        *pad = 0;
+        return (in - f) / s + 1;
+    }
+    const uint32_t out = (in + s - 1) / s;
+    const int total = static_cast<int>((out - 1) * s + f) - static_cast<int>(in);
+    *pad = total > 0 ? static_cast<uint32_t>(total / 2) : 0;
+    return out;
 }
 
 }  // namespace simops

@@ -63,8 +63,9 @@ private:
     bool copyInt32Data(ZelModel* model, uint32_t index, OperationType type, std::vector<int32_t>* values) const;
     bool activationFusable(ZelModel* model, uint32_t index) const;
     bool storeShape(bool inferred, ZelModel* model, uint32_t out, const Shape& output) const;
-    bool readBlockSizes(ZelModel* model, uint32_t index, OperationType type, Shape* shape,
-                        std::vector<int32_t>* values) const;
+    struct SpaceBatch;
+    bool readSpaceBatch(const Ins& ins, const Ins& outs, ZelModel* model, OperationType type, size_t inputCount,
+                        SpaceBatch* operands) const;
 
     const char* mSource;  // file named by the located lines
     bool mQuantized;

@@ -263,18 +263,43 @@ bool CheckRules::storeShape(bool inferred, ZelModel* model, uint32_t out, const 
     return true;
 }
 
-// Block sizes of the space/batch pair: [block_h, block_w], both positive.
-bool CheckRules::readBlockSizes(ZelModel* model, uint32_t index, OperationType type, Shape* shape,
-                                std::vector<int32_t>* values) const {
-    *shape = model->getShape(index);
-    if (getNumberOfDimensions(*shape) != 1 || getSizeOfDimension(*shape, 0) != 2) {
+// The operands of the space/batch pair: the input, of rank 4, and the block
+// sizes ins[1], [block_h, block_w], both positive.
+struct CheckRules::SpaceBatch {
+    Shape input;
+    Shape blockShape;
+    std::vector<int32_t> block;
+};
+
+// The steps the space/batch pair shares: counts, operands, input rank and
+// block sizes.
+bool CheckRules::readSpaceBatch(const Ins& ins, const Ins& outs, ZelModel* model, OperationType type, size_t inputCount,
+                                SpaceBatch* operands) const {
+    if (ins.size() != inputCount) {
+        ZEL_LOG_LOCATED_IN(mSource, toString(type) << " operation requires " << inputCount << " input operand(s)!");
+        return false;
+    }
+    if (outs.size() != 1) {
+        ZEL_LOG_LOCATED_IN(mSource, toString(type) << " operation requires 1 output operand(s)!");
+        return false;
+    }
+    if (!operandsReadable(ins, outs, model, type)) return false;
+
+    operands->input = model->getShape(ins[0]);
+    if (getNumberOfDimensions(operands->input) != 4) {
+        ZEL_LOG_LOCATED_IN(mSource, toString(type) << " operation requires input of rank = 4.");
+        return false;
+    }
+    operands->blockShape = model->getShape(ins[1]);
+    if (getNumberOfDimensions(operands->blockShape) != 1 || getSizeOfDimension(operands->blockShape, 0) != 2) {
         ZEL_LOG_LOCATED_IN(mSource, toString(type) << " operation requires blocksize input of shape (" << 2 << ")");
         return false;
     }
-    if (!copyInt32Data(model, index, type, values)) return false;
-    if ((*values)[0] < 1 || (*values)[1] < 1) {
-        ZEL_LOG_LOCATED_IN(mSource, toString(type) << " operation requires block sizes of at least 1, got "
-                                                   << (*values)[0] << " and " << (*values)[1]);
+    std::vector<int32_t>& block = operands->block;
+    if (!copyInt32Data(model, ins[1], type, &block)) return false;
+    if (block[0] < 1 || block[1] < 1) {
+        ZEL_LOG_LOCATED_IN(mSource, toString(type) << " operation requires block sizes of at least 1, got " << block[0]
+                                                   << " and " << block[1]);
         return false;
     }
     return true;
@@ -604,50 +629,18 @@ bool CheckRules::spaceToDepth(const Ins& ins, const Ins& outs, ZelModel* model) 
 }
 
 bool CheckRules::batchToSpace(const Ins& ins, const Ins& outs, ZelModel* model) const {
-    const OperationType type = OperationType::BATCH_TO_SPACE_ND;
-    if (ins.size() != 2) {
-        ZEL_LOG_LOCATED_IN(mSource, toString(type) << " operation requires 2 input operand(s)!");
-        return false;
-    }
-    if (outs.size() != 1) {
-        ZEL_LOG_LOCATED_IN(mSource, toString(type) << " operation requires 1 output operand(s)!");
-        return false;
-    }
-    if (!operandsReadable(ins, outs, model, type)) return false;
-
-    const Shape input = model->getShape(ins[0]);
-    if (getNumberOfDimensions(input) != 4) {
-        ZEL_LOG_LOCATED_IN(mSource, toString(type) << " operation requires input of rank = 4.");
-        return false;
-    }
-    Shape blockShape;
-    std::vector<int32_t> block;
-    if (!readBlockSizes(model, ins[1], type, &blockShape, &block)) return false;
+    SpaceBatch operands;
+    if (!readSpaceBatch(ins, outs, model, OperationType::BATCH_TO_SPACE_ND, 2, &operands)) return false;
 
     Shape output = model->getShape(outs[0]);
-    return storeShape(batchToSpacePrepare(input, block.data(), blockShape, &output), model, outs[0], output);
+    const bool inferred = batchToSpacePrepare(operands.input, operands.block.data(), operands.blockShape, &output);
+    return storeShape(inferred, model, outs[0], output);
 }
 
 bool CheckRules::spaceToBatch(const Ins& ins, const Ins& outs, ZelModel* model) const {
     const OperationType type = OperationType::SPACE_TO_BATCH_ND;
-    if (ins.size() != 3) {
-        ZEL_LOG_LOCATED_IN(mSource, toString(type) << " operation requires 3 input operand(s)!");
-        return false;
-    }
-    if (outs.size() != 1) {
-        ZEL_LOG_LOCATED_IN(mSource, toString(type) << " operation requires 1 output operand(s)!");
-        return false;
-    }
-    if (!operandsReadable(ins, outs, model, type)) return false;
-
-    const Shape input = model->getShape(ins[0]);
-    if (getNumberOfDimensions(input) != 4) {
-        ZEL_LOG_LOCATED_IN(mSource, toString(type) << " operation requires input of rank = 4.");
-        return false;
-    }
-    Shape blockShape;
-    std::vector<int32_t> block;
-    if (!readBlockSizes(model, ins[1], type, &blockShape, &block)) return false;
+    SpaceBatch operands;
+    if (!readSpaceBatch(ins, outs, model, type, 3, &operands)) return false;
     const Shape paddingShape = model->getShape(ins[2]);
     if (getNumberOfDimensions(paddingShape) != 2 || getSizeOfDimension(paddingShape, 0) != 2 ||
         getSizeOfDimension(paddingShape, 1) != 2) {
@@ -658,8 +651,9 @@ bool CheckRules::spaceToBatch(const Ins& ins, const Ins& outs, ZelModel* model) 
     if (!copyInt32Data(model, ins[2], type, &paddings)) return false;
 
     Shape output = model->getShape(outs[0]);
-    return storeShape(spaceToBatchPrepare(input, block.data(), blockShape, paddings.data(), paddingShape, &output),
-                      model, outs[0], output);
+    const bool inferred = spaceToBatchPrepare(operands.input, operands.block.data(), operands.blockShape,
+                                              paddings.data(), paddingShape, &output);
+    return storeShape(inferred, model, outs[0], output);
 }
 
 bool CheckRules::oemLstm(const Ins& ins, const Ins& outs, ZelModel* model) const {

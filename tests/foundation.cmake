@@ -29,6 +29,12 @@ zel_add_gtest(foundation_voting_test
   SOURCES foundation/voting_test.cpp
   LIBS zel_core)
 
+# The one real-time check: production delays on the system clock.
+zel_add_gtest(foundation_voting_slow_test
+  SOURCES foundation/voting_slow_test.cpp
+  LIBS zel_core
+  LABELS slow)
+
 zel_add_gtest(foundation_frontend_test
   SOURCES foundation/frontend_test.cpp
   LIBS zel_core zelhost zel_kestrel_runtime)

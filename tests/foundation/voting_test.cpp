@@ -172,6 +172,39 @@ TEST_F(Voting, AnotherUpVoteRenewsTheTimeout) {
     EXPECT_EQ(votes(VotingThread::DOWN), 1u);
 }
 
+// A support query of a large graph leaves one down vote per operation
+// pending for the release delay. Thousands of them, all due at the same
+// moment, are handled in their queueing order while each token keeps
+// exactly one pending timeout.
+TEST_F(Voting, ThousandsOfPendingVotesKeepOneTimeoutPerToken) {
+    const uint64_t a = mLib->generateVotingToken();
+    const uint64_t b = mLib->generateVotingToken();
+    voteAndSettle(a, VotingThread::UP);
+    for (int i = 0; i < 2000; ++i) {
+        mLib->asyncVote(a, VotingThread::UP);
+        mLib->asyncVote(a, VotingThread::DOWN);
+    }
+    voteAndSettle(b, VotingThread::UP);
+    EXPECT_EQ(thread()->tokenCount(a), 2001);
+    EXPECT_EQ(thread()->queuedCount(VotingThread::Message::DOWN_VOTE), 2000u);
+    EXPECT_EQ(thread()->queuedCount(VotingThread::Message::DOWN_VOTE_TIMEOUT), 2u);
+
+    advance(seconds(5));
+    EXPECT_EQ(thread()->tokenCount(a), 1);
+    EXPECT_EQ(thread()->queueSize(), 2u);  // the two timeouts
+    EXPECT_EQ(votes(VotingThread::UP), 1u);
+    EXPECT_EQ(votes(VotingThread::DOWN), 0u);
+
+    voteAndSettle(b, VotingThread::DOWN);
+    advance(seconds(5));
+    EXPECT_EQ(thread()->queuedCount(VotingThread::Message::DOWN_VOTE_TIMEOUT), 1u) << "b's timeout went with its vote";
+    EXPECT_EQ(votes(VotingThread::DOWN), 0u) << "a still holds a vote";
+    voteAndSettle(a, VotingThread::DOWN);
+    advance(seconds(5));
+    EXPECT_EQ(votes(VotingThread::DOWN), 1u);
+    EXPECT_EQ(thread()->queueSize(), 0u);
+}
+
 TEST_F(Voting, InvalidVoteTypeIsRefusedWithOneErrorLine) {
     const uint64_t a = mLib->generateVotingToken();
     EXPECT_FALSE(thread()->enqueueVote(a, static_cast<VotingThread::VoteType>(5)));

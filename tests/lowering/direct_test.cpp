@@ -193,10 +193,6 @@ std::vector<DirectCase> floatCases() {
     const std::vector<float> eight = {1, 2, 3, 4, 5, 6, 7, 8};
 
     return {
-        {"add_relu",
-         f32::add,
-         elementWise(1),
-         {"2 66 pad=0 [1:0 1:1] -> [1x2x2x1*4]", "3 49 pad=0 [2:0] -> [1x2x2x1*4]"}},
         {"mul_relu1",
          f32::mul,
          elementWise(2),
@@ -280,22 +276,6 @@ std::vector<DirectCase> floatCases() {
              "5 158 pad=1 [1:0 3:0 4:0] -> [1x3x3x2*4]",
              "6 58 pad=0 [5:0 2:0] -> [1x3x3x2*4]",
          }},
-        {"fully_connected",
-         f32::fully_connected,
-         [eight](HostGraph& g) {
-             const uint32_t in = f32In(g, {1, 4});
-             const uint32_t weights = g.addFloatTensor({2, 4}, Lifetime::Constant, eight);
-             const uint32_t bias = g.addFloatTensor({2}, Lifetime::Constant, {0.5f, 1.0f});
-             const uint32_t act = g.addInt32(0);
-             return unaryOp(g, in, {weights, bias, act}, f32Out(g, {1, 2}));
-         },
-         {
-             "2 const 1x1x4x2 f32 1 5 2 6 3 7 4 8",
-             "3 const 1x1x1x2 f32 0.5 1",
-             "4 48 pad=0 [1:0 2:0] -> [1x1x1x2*4]",
-             "5 58 pad=0 [4:0 3:0] -> [1x1x1x2*4]",
-         }},
-        // Rank 2, axis 1: the runtime's axis is 1 + 4 - 2.
         {"concatenation",
          f32::concatenation,
          [](HostGraph& g) {
@@ -334,22 +314,6 @@ std::vector<DirectCase> floatCases() {
          f32::squeeze,
          withTensor({1, 2, 1, 2}, {1}, {2}, {1, 2, 2}),
          {"2 const 1x1x1x3 i32 1 2 2", "3 59 pad=0 [1:0 2:0] -> [1x1x2x2*4]"}},
-        {"resize_bilinear",
-         f32::resize_bilinear,
-         [](HostGraph& g) {
-             const uint32_t in = f32In(g, {1, 2, 2, 1});
-             const std::vector<uint32_t> size = {g.addInt32(3), g.addInt32(4)};
-             return unaryOp(g, in, size, f32Out(g, {1, 4, 3, 1}));
-         },
-         {"2 const 1x1x1x2 i32 4 3", "3 135 pad=0 [1:0 2:0] -> [1x4x3x1*4]"}},
-        {"batch_to_space_nd",
-         f32::batch_to_space_nd,
-         withTensor({4, 1, 1, 1}, {2}, {2, 2}, {1, 2, 2, 1}),
-         {
-             "2 const 1x1x1x2 i32 2 2",
-             "3 const 1x1x2x2 i32 0 0 0 0",
-             "4 133 pad=0 [1:0 2:0 3:0] -> [1x2x2x1*4]",
-         }},
     };
 }
 

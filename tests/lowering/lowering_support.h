@@ -41,7 +41,7 @@ void operation(HostGraph& g, OperationType type, const std::vector<uint32_t>& in
 
 // A graph of one quantized operation, built for both the support query and
 // the lowering, with the node chain it lowers to when its quantized graph
-// outputs go straight to the output node.
+// outputs go straight to the output node (empty: not written out).
 struct Canonical {
     std::string name;
     std::function<void(HostGraph&)> build;

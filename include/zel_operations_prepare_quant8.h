@@ -30,6 +30,7 @@ const OperationPrepareTable& getOperationPrepareTable();
 namespace lowering {
 
 using Ins = std::vector<uint32_t>;
+using Inputs = std::vector<kestrel_zel_nn_input>;
 
 // Padding and strides of a window operation (convolutions and pools).
 struct Window {

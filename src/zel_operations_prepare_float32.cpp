@@ -23,13 +23,7 @@ namespace zel {
 
 namespace {
 
-using Ins = std::vector<uint32_t>;
-using Inputs = std::vector<input>;
-using lowering::floatConstant;
-using lowering::int32Constant;
-using lowering::scalar;
-using lowering::strideShape;
-using lowering::Window;
+using namespace lowering;
 
 constexpr lowering::Steps kFloat32Steps(__FILE__);
 

@@ -135,13 +135,7 @@ bool Steps::knownPadding(padding_type_enum pad) const {
 
 namespace {
 
-using Ins = std::vector<uint32_t>;
-using Inputs = std::vector<input>;
-using lowering::floatConstant;
-using lowering::int32Constant;
-using lowering::scalar;
-using lowering::strideShape;
-using lowering::Window;
+using namespace lowering;
 
 constexpr lowering::Steps kQuant8Steps(__FILE__);
 

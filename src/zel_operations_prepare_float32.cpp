@@ -8,9 +8,12 @@
 //
 //   base -> FloatBiasAdd (unless the bias is the empty record) ->
 //   fused activation (unless Nop)
+//
+// The count checks, window parsing and constant records are the quant8
+// module's (namespace lowering), run through kFloat32Steps so that their
+// located lines name this file.
 #include "zel_operations_prepare_float32.h"
 
-#include <cstring>
 #include <string>
 
 #include "zel_model.h"
@@ -25,7 +28,7 @@ namespace {
 
 using namespace lowering;
 
-constexpr lowering::Steps kFloat32Steps(__FILE__);
+constexpr Steps kFloat32Steps(__FILE__);
 
 // add, sub, mul: [in0, in1] into the fused chain without a bias.
 bool elementWise(const Ins& ins, const Ins& outs, ZelModel* model, zel_op_type_enum op, const std::string& name) {

@@ -137,7 +137,7 @@ namespace {
 
 using namespace lowering;
 
-constexpr lowering::Steps kQuant8Steps(__FILE__);
+constexpr Steps kQuant8Steps(__FILE__);
 
 // Every record handed to the runtime must name a node; an empty one means
 // an operand could not be made into a node.

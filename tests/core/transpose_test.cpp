@@ -1,5 +1,5 @@
 // The blocked byte transpose against the plain element loop, over sizes that
-// hit the 16x16 tiles, the 64x64 blocks and every ragged edge.
+// hit the 16x16 tiles, both block paths and every ragged edge.
 #include <gtest/gtest.h>
 
 #include <vector>
@@ -32,6 +32,8 @@ TEST_P(BlockedTranspose, MatchesTheElementLoop) {
 
 INSTANTIATE_TEST_SUITE_P(Sizes, BlockedTranspose,
                          ::testing::Values(Size{1, 1}, Size{1, 37}, Size{37, 1}, Size{16, 16}, Size{17, 33},
-                                           Size{32, 48}, Size{64, 64}, Size{65, 129}, Size{100, 70}, Size{1001, 256}));
+                                           Size{32, 48}, Size{64, 64}, Size{65, 129}, Size{100, 70}, Size{1001, 256},
+                                           // above 4 MiB: through the scratch block, ragged on both sides
+                                           Size{2100, 2050}, Size{70001, 65}));
 
 }  // namespace

@@ -86,7 +86,9 @@ public:
 private:
     void votingThreadFunc();
     void waitForVote();
-    void enqueueMessageLocked(uint64_t token, Message::Type type, std::chrono::microseconds delay);
+    // Queues a message; true when it became the first one due, which is
+    // when the caller must wake the worker (after unlocking).
+    bool enqueueMessageLocked(uint64_t token, Message::Type type, std::chrono::microseconds delay);
     Message peekFirstMessage();
     void handleMessageLocked(Message& msg);
     void removeQueuedMessagesLocked(Message::Type type, std::function<bool(Message&)> predicate);

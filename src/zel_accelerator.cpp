@@ -69,23 +69,35 @@ uint64_t VotingThread::generateVotingToken() {
 }
 
 void VotingThread::releaseVotingToken(uint64_t token) {
-    std::lock_guard<std::mutex> lock(mMutex);
-    if (mTokens.find(token) == mTokens.end()) return;
-    enqueueMessageLocked(token, Message::TOKEN_RELEASE, mDelays.release);
+    bool wake = false;
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        if (mTokens.find(token) == mTokens.end()) return;
+        wake = enqueueMessageLocked(token, Message::TOKEN_RELEASE, mDelays.release);
+    }
+    if (wake) mCondition.notify_all();
 }
 
 bool VotingThread::enqueueVote(uint64_t token, VoteType type) {
-    std::lock_guard<std::mutex> lock(mMutex);
-    switch (type) {
-        case UP:
-            enqueueMessageLocked(token, Message::UP_VOTE, std::chrono::microseconds(0));
-            return true;
-        case DOWN:
-            enqueueMessageLocked(token, Message::DOWN_VOTE, mDelays.release);
-            return true;
+    bool wake = false;
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        switch (type) {
+            case UP:
+                wake = enqueueMessageLocked(token, Message::UP_VOTE, std::chrono::microseconds(0));
+                break;
+            case DOWN:
+                wake = enqueueMessageLocked(token, Message::DOWN_VOTE, mDelays.release);
+                break;
+            default:
+                handle_error_info("Invalid vote type: " + std::to_string(static_cast<uint32_t>(type)));
+                return false;
+        }
     }
-    handle_error_info("Invalid vote type: " + std::to_string(static_cast<uint32_t>(type)));
-    return false;
+    // Woken after the lock is given back, so that the worker does not wake
+    // only to block on the mutex this thread still holds.
+    if (wake) mCondition.notify_all();
+    return true;
 }
 
 void VotingThread::keepThreadAlive() {
@@ -161,15 +173,15 @@ void VotingThread::waitForVote() {
     }
 }
 
-void VotingThread::enqueueMessageLocked(uint64_t token, Message::Type type, std::chrono::microseconds delay) {
+bool VotingThread::enqueueMessageLocked(uint64_t token, Message::Type type, std::chrono::microseconds delay) {
     const TimePoint now = mDelays.clock ? mDelays.clock() : systemNow();
     const TimePoint due = now + delay;
     const Queue::iterator queued = mQueue.emplace(due, Message{token, type, due});
     if (type == Message::DOWN_VOTE_TIMEOUT) mTimeouts[token] = queued;
     // The worker sleeps until the front message falls due; only a new front
     // changes that moment. A message queued behind it is found in time
-    // without a wake-up.
-    if (queued == mQueue.begin()) mCondition.notify_all();
+    // without waking the worker.
+    return queued == mQueue.begin();
 }
 
 VotingThread::Message VotingThread::peekFirstMessage() { return mQueue.begin()->second; }

@@ -32,10 +32,8 @@ uint32_t elementBytes(arv::nnhal::OperandType type) {
         case arv::nnhal::OperandType::TENSOR_INT32:
         case arv::nnhal::OperandType::SCALAR_FP32:
         case arv::nnhal::OperandType::SCALAR_INT32:
-        case arv::nnhal::OperandType::SCALAR_UNSIGNED_INT32:
-            return 4;
-        default:
-            return 1;
+        case arv::nnhal::OperandType::SCALAR_UNSIGNED_INT32: return 4;
+        default: return 1;
     }
 }
 
@@ -185,17 +183,10 @@ uint64_t parseBytes(const std::string& text) {
     uint64_t scale = 1;
     std::string digits = text;
     switch (text.back()) {
-        case 'K':
-            scale = 1000;
-            break;
-        case 'M':
-            scale = 1000 * 1000;
-            break;
-        case 'G':
-            scale = 1000 * 1000 * 1000;
-            break;
-        default:
-            break;
+        case 'K': scale = 1000; break;
+        case 'M': scale = 1000 * 1000; break;
+        case 'G': scale = 1000 * 1000 * 1000; break;
+        default: break;
     }
     if (scale != 1) digits.pop_back();
     uint64_t value = 0;

@@ -65,11 +65,13 @@ Comparison compareOutputs(const LoadedModel& model, const std::vector<std::vecto
     if (!model.hasExpected) return comparison;
     const HostGraph& graph = *model.graph;
     for (uint32_t position = 0; position < model.expected.size(); ++position) {
-        if (std::find(model.ignoredOutputs.begin(), model.ignoredOutputs.end(), position) != model.ignoredOutputs.end()) {
+        if (std::find(model.ignoredOutputs.begin(), model.ignoredOutputs.end(), position) !=
+            model.ignoredOutputs.end()) {
             continue;
         }
         const std::vector<double>& expected = model.expected[position];
-        const IOperand* operand = position < graph.getOutputCount() ? graph.getOperand(graph.getOutput(position)) : nullptr;
+        const IOperand* operand =
+            position < graph.getOutputCount() ? graph.getOperand(graph.getOutput(position)) : nullptr;
         if (operand == nullptr || position >= outputs.size()) {
             comparison.sizeMismatch = true;
             if (comparison.detail.empty()) comparison.detail = "output " + std::to_string(position) + " does not exist";
@@ -161,8 +163,8 @@ CaseResult runCase(IAccelerator& accelerator, const std::string& path) {
     const Comparison comparison = compareOutputs(model, buffers.outputs);
     if (comparison.sizeMismatch) return {CaseClass::Error, "wrong output size: " + comparison.detail};
     if (comparison.mismatches != 0) {
-        return {CaseClass::Fail, std::to_string(comparison.mismatches) + " value(s) outside tolerance, first " +
-                                     comparison.detail};
+        return {CaseClass::Fail,
+                std::to_string(comparison.mismatches) + " value(s) outside tolerance, first " + comparison.detail};
     }
     return {CaseClass::Pass, ""};
 }

@@ -7,9 +7,8 @@
 #include <exception>
 #include <fstream>
 #include <limits>
-#include <sstream>
-
 #include <nlohmann/json.hpp>
+#include <sstream>
 
 #include "zelhost/names.h"
 
@@ -31,7 +30,9 @@ ElementKind elementKindOf(int32_t operandType) {
     }
 }
 
-uint32_t elementSize(ElementKind kind) { return kind == ElementKind::Uint8 ? 1u : 4u; }
+uint32_t elementSize(ElementKind kind) {
+    return kind == ElementKind::Uint8 ? 1u : 4u;
+}
 
 double readElement(ElementKind kind, const uint8_t* bytes, uint32_t index) {
     switch (kind) {
@@ -67,7 +68,8 @@ uint64_t operandElementCount(const HostGraph& graph, uint32_t operandIndex) {
 uint64_t operandByteSize(const HostGraph& graph, uint32_t operandIndex) {
     const IOperand* operand = graph.getOperand(operandIndex);
     if (operand == nullptr) return 0;
-    return operandElementCount(graph, operandIndex) * elementSize(elementKindOf(static_cast<int32_t>(operand->getType())));
+    return operandElementCount(graph, operandIndex) *
+           elementSize(elementKindOf(static_cast<int32_t>(operand->getType())));
 }
 
 namespace {
@@ -84,23 +86,35 @@ std::string describe(const json& value) {
     return "an object";
 }
 
-std::string at(const std::string& where, size_t index) { return where + "[" + std::to_string(index) + "]"; }
-std::string dot(const std::string& where, const char* key) { return where.empty() ? key : where + "." + key; }
+std::string at(const std::string& where, size_t index) {
+    return where + "[" + std::to_string(index) + "]";
+}
+std::string dot(const std::string& where, const char* key) {
+    return where.empty() ? key : where + "." + key;
+}
 
-bool isKnownOperandType(int64_t code) { return (code >= 0 && code <= 5) || code == 10000 || code == 10001; }
+bool isKnownOperandType(int64_t code) {
+    return (code >= 0 && code <= 5) || code == 10000 || code == 10001;
+}
 
 bool parseLifetime(const std::string& text, Lifetime& lifetime) {
-    if (text == "input") lifetime = Lifetime::Input;
-    else if (text == "output") lifetime = Lifetime::Output;
-    else if (text == "constant") lifetime = Lifetime::Constant;
-    else if (text == "internal") lifetime = Lifetime::Internal;
-    else return false;
+    if (text == "input")
+        lifetime = Lifetime::Input;
+    else if (text == "output")
+        lifetime = Lifetime::Output;
+    else if (text == "constant")
+        lifetime = Lifetime::Constant;
+    else if (text == "internal")
+        lifetime = Lifetime::Internal;
+    else
+        return false;
     return true;
 }
 
 class Parser {
 public:
-    Parser(std::string source, const LoadOptions& options) : mSource(std::move(source)), mStrict(options.checkIndices) {}
+    Parser(std::string source, const LoadOptions& options)
+        : mSource(std::move(source)), mStrict(options.checkIndices) {}
 
     const std::string& error() const { return mError; }
 
@@ -127,7 +141,8 @@ public:
         }
         std::vector<uint32_t> inputs;
         std::vector<uint32_t> outputs;
-        if (!readOperandList(root, "", "inputs", *graph, inputs) || !readOperandList(root, "", "outputs", *graph, outputs)) {
+        if (!readOperandList(root, "", "inputs", *graph, inputs) ||
+            !readOperandList(root, "", "outputs", *graph, outputs)) {
             return false;
         }
         graph->setInputs(inputs);
@@ -135,7 +150,8 @@ public:
 
         if (const json* data = member(root, "", "inputData", false)) {
             model.hasInputData = true;
-            if (!readValueArrays(*data, "inputData", "graph input", inputs, *graph, &model.inputData, nullptr)) return false;
+            if (!readValueArrays(*data, "inputData", "graph input", inputs, *graph, &model.inputData, nullptr))
+                return false;
         }
         if (const json* expected = member(root, "", "expected", false)) {
             model.hasExpected = true;
@@ -268,7 +284,8 @@ private:
                 case ElementKind::Float32: {
                     double real = 0.0;
                     if (!readNumber(item, place, real)) return false;
-                    if (std::fabs(real) > FLT_MAX) return fail(place, "value " + item.dump() + " out of range for " + typeName);
+                    if (std::fabs(real) > FLT_MAX)
+                        return fail(place, "value " + item.dump() + " out of range for " + typeName);
                     append(bytes, static_cast<float>(real));
                     if (values) values->push_back(real);
                     break;
@@ -311,7 +328,8 @@ private:
         }
         double scale = 0.0;
         if (!readNumber(*scaleField, dot(where, "scale"), scale)) return false;
-        if (std::fabs(scale) > FLT_MAX) return fail(dot(where, "scale"), "value " + scaleField->dump() + " out of range");
+        if (std::fabs(scale) > FLT_MAX)
+            return fail(dot(where, "scale"), "value " + scaleField->dump() + " out of range");
         int64_t zeroPoint = 0;
         if (!readInteger(*zeroField, dot(where, "zeroPoint"), INT32_MIN, INT32_MAX, zeroPoint)) return false;
         if (!lifetimeField->is_string()) {
@@ -320,8 +338,8 @@ private:
         Lifetime lifetime = Lifetime::Internal;
         const std::string lifetimeText = lifetimeField->get<std::string>();
         if (!parseLifetime(lifetimeText, lifetime)) {
-            return fail(dot(where, "lifetime"), "unknown lifetime \"" + lifetimeText +
-                                                    "\" (expected input, output, constant or internal)");
+            return fail(dot(where, "lifetime"),
+                        "unknown lifetime \"" + lifetimeText + "\" (expected input, output, constant or internal)");
         }
 
         std::vector<uint8_t> bytes;
@@ -331,7 +349,8 @@ private:
             if (!expectArray(*data, place)) return false;
             if (mStrict && lifetime != Lifetime::Constant) return fail(place, "only constant operands carry data");
             if (mStrict && data->size() != count) {
-                return fail(place, "expected " + std::to_string(count) + " values, got " + std::to_string(data->size()));
+                return fail(place,
+                            "expected " + std::to_string(count) + " values, got " + std::to_string(data->size()));
             }
             const int32_t code = static_cast<int32_t>(type);
             if (!encodeValues(*data, place, elementKindOf(code), operandTypeName(code), bytes, nullptr)) return false;
@@ -351,7 +370,8 @@ private:
         if (!readInteger(*typeField, dot(where, "type"), INT32_MIN, INT32_MAX, type)) return false;
         std::vector<uint32_t> inputs;
         std::vector<uint32_t> outputs;
-        if (!readOperandList(item, where, "inputs", graph, inputs) || !readOperandList(item, where, "outputs", graph, outputs)) {
+        if (!readOperandList(item, where, "inputs", graph, inputs) ||
+            !readOperandList(item, where, "outputs", graph, outputs)) {
             return false;
         }
         graph.addOperation(static_cast<OperationType>(type), std::move(inputs), std::move(outputs));
@@ -378,11 +398,13 @@ private:
                 count = operandElementCount(graph, positions[i]);
             }
             if (mStrict && value[i].size() != count) {
-                return fail(place, "expected " + std::to_string(count) + " values, got " + std::to_string(value[i].size()));
+                return fail(place,
+                            "expected " + std::to_string(count) + " values, got " + std::to_string(value[i].size()));
             }
             std::vector<uint8_t> bytes;
             std::vector<double> values;
-            if (!encodeValues(value[i], place, elementKindOf(type), operandTypeName(type), bytes, &values)) return false;
+            if (!encodeValues(value[i], place, elementKindOf(type), operandTypeName(type), bytes, &values))
+                return false;
             if (bytesOut) bytesOut->push_back(std::move(bytes));
             if (valuesOut) valuesOut->push_back(std::move(values));
         }

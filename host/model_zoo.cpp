@@ -46,10 +46,12 @@ struct Block {
     uint32_t stride;
     uint32_t channels;
 };
-constexpr Block kBlocks[] = {{1, 64},  {2, 128}, {1, 128}, {2, 256}, {1, 256},  {2, 512},  {1, 512},
+constexpr Block kBlocks[] = {{1, 64},  {2, 128}, {1, 128}, {2, 256}, {1, 256},  {2, 512}, {1, 512},
                              {1, 512}, {1, 512}, {1, 512}, {1, 512}, {2, 1024}, {1, 1024}};
 
-uint32_t outSize(uint32_t in, uint32_t stride) { return (in + stride - 1) / stride; }
+uint32_t outSize(uint32_t in, uint32_t stride) {
+    return (in + stride - 1) / stride;
+}
 
 struct Builder {
     HostGraph& g;
@@ -132,8 +134,8 @@ uint64_t mobileNetMacs(const MobileNetOptions& options) {
         macs += size * size * channels * block.channels;  // pointwise
         channels = block.channels;
     }
-    macs += size * size * channels;        // average pool
-    macs += channels * options.classes;    // classifier
+    macs += size * size * channels;      // average pool
+    macs += channels * options.classes;  // classifier
     return macs;
 }
 

@@ -9,6 +9,7 @@ namespace host {
 namespace {
 
 // Operation codes 0 to 94 of the numbering, in order.
+// clang-format off
 const char* const kOperationNames[] = {
     "ADD", "AVERAGE_POOL_2D", "CONCATENATION", "CONV_2D", "DEPTHWISE_CONV_2D", "DEPTH_TO_SPACE", "DEQUANTIZE",
     "EMBEDDING_LOOKUP", "FLOOR", "FULLY_CONNECTED", "HASHTABLE_LOOKUP", "L2_NORMALIZATION", "L2_POOL_2D",
@@ -25,6 +26,7 @@ const char* const kOperationNames[] = {
     "TILE", "TOPK_V2", "TRANSPOSE_CONV_2D", "UNIDIRECTIONAL_SEQUENCE_LSTM", "UNIDIRECTIONAL_SEQUENCE_RNN",
     "RESIZE_NEAREST_NEIGHBOR",
 };
+// clang-format on
 
 struct CodeName {
     int32_t code;

@@ -1,5 +1,6 @@
 // zelrun: runs a model file (or a folder of them) through an accelerator
 // plug-in the way the host framework does, and reports what happened.
+#include <android/log.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,8 +14,6 @@
 #include <sstream>
 #include <string>
 #include <vector>
-
-#include <android/log.h>
 
 #include "zelhost/execution.h"
 #include "zelhost/graph_dump.h"
@@ -63,8 +62,10 @@ int gLogLevel = ANDROID_LOG_ERROR;
 
 void logSink(int priority, const char* tag, const char* text, void*) {
     if (priority < gLogLevel) return;
-    const char letter = priority >= ANDROID_LOG_ERROR ? 'E' : priority == ANDROID_LOG_WARN ? 'W'
-                        : priority == ANDROID_LOG_INFO ? 'I' : 'D';
+    const char letter = priority >= ANDROID_LOG_ERROR  ? 'E'
+                        : priority == ANDROID_LOG_WARN ? 'W'
+                        : priority == ANDROID_LOG_INFO ? 'I'
+                                                       : 'D';
     std::fprintf(stderr, "%c %s: %s\n", letter, tag != nullptr ? tag : "", text != nullptr ? text : "");
 }
 
@@ -123,10 +124,14 @@ int parseArguments(int argc, char** argv, Options& options) {
             options.runtimeGiven = true;
         } else if (arg == "--log") {
             if (!value(text)) return usage("--log needs off, error or debug");
-            if (text == "off") options.logLevel = 99;
-            else if (text == "error") options.logLevel = ANDROID_LOG_ERROR;
-            else if (text == "debug") options.logLevel = ANDROID_LOG_DEBUG;
-            else return usage("--log takes off, error or debug, not \"" + text + "\"");
+            if (text == "off")
+                options.logLevel = 99;
+            else if (text == "error")
+                options.logLevel = ANDROID_LOG_ERROR;
+            else if (text == "debug")
+                options.logLevel = ANDROID_LOG_DEBUG;
+            else
+                return usage("--log takes off, error or debug, not \"" + text + "\"");
         } else if (arg == "--input") {
             if (!value(text)) return usage("--input needs a file");
             options.inputs.push_back(text);
@@ -151,7 +156,8 @@ int parseArguments(int argc, char** argv, Options& options) {
     if (options.model.empty() == options.conformance.empty()) {
         return usage(options.model.empty() ? "no model file given" : "give a model file or --conformance, not both");
     }
-    if (!options.conformance.empty() && (!options.inputs.empty() || !options.dumpGraph.empty() || options.repeat != 1)) {
+    if (!options.conformance.empty() &&
+        (!options.inputs.empty() || !options.dumpGraph.empty() || options.repeat != 1)) {
         return usage("--input, --repeat and --dump-graph apply to a single model");
     }
     if (options.plugin.empty()) options.plugin = defaultPath(ZEL_DEFAULT_PLUGIN, "lib/ravine-acc-zel.so");
@@ -200,8 +206,8 @@ public:
         mShown = true;
         const unsigned width = 30;
         const unsigned filled = static_cast<unsigned>(static_cast<uint64_t>(done) * width / mTotal);
-        std::fprintf(stderr, "\r[%s%s] %u/%u", std::string(filled, '#').c_str(), std::string(width - filled, '.').c_str(),
-                     done, mTotal);
+        std::fprintf(stderr, "\r[%s%s] %u/%u", std::string(filled, '#').c_str(),
+                     std::string(width - filled, '.').c_str(), done, mTotal);
         std::fflush(stderr);
     }
     ~Progress() {

@@ -153,18 +153,16 @@ public:
     int set_debug_level(int graph_id, int level);
     int prepare(int graph_id);
     int append_node(int graph_id, unsigned int node_id, zel_op_type_enum operation, int padding,
-                    const kestrel_zel_nn_input* inputs, unsigned int num_inputs,
-                    const kestrel_zel_nn_output* outputs, unsigned int num_outputs);
+                    const kestrel_zel_nn_input* inputs, unsigned int num_inputs, const kestrel_zel_nn_output* outputs,
+                    unsigned int num_outputs);
     int append_const_node(int graph_id, unsigned int node_id, unsigned int batches, unsigned int height,
-                          unsigned int width, unsigned int depth, const unsigned char* data,
-                          unsigned int data_len);
+                          unsigned int width, unsigned int depth, const unsigned char* data, unsigned int data_len);
     int execute_new(int graph_id, const kestrel_zel_nn_tensordef* inputs, unsigned int num_inputs,
                     kestrel_zel_nn_tensordef* outputs, unsigned int num_outputs);
     int execute(int graph_id, unsigned int batches_in, unsigned int height_in, unsigned int width_in,
                 unsigned int depth_in, const unsigned char* data_in, unsigned int data_len_in,
-                unsigned int* batches_out, unsigned int* height_out, unsigned int* width_out,
-                unsigned int* depth_out, unsigned char* data_out, unsigned int data_out_max,
-                unsigned int* data_out_size);
+                unsigned int* batches_out, unsigned int* height_out, unsigned int* width_out, unsigned int* depth_out,
+                unsigned char* data_out, unsigned int data_out_max, unsigned int* data_out_size);
     int teardown(int graph_id);
     int version(int* version);
     int set_config_params(int graph_id, kestrel_zel_nn_config_enum param, void* value);
@@ -194,15 +192,15 @@ private:
     using GetlogFn = int (*)(int, unsigned char*, unsigned int);
     using SetDebugLevelFn = int (*)(int, int);
     using PrepareFn = int (*)(int);
-    using AppendNodeFn = int (*)(int, unsigned int, zel_op_type_enum, int, const kestrel_zel_nn_input*,
-                                 unsigned int, const kestrel_zel_nn_output*, unsigned int);
+    using AppendNodeFn = int (*)(int, unsigned int, zel_op_type_enum, int, const kestrel_zel_nn_input*, unsigned int,
+                                 const kestrel_zel_nn_output*, unsigned int);
     using AppendConstNodeFn = int (*)(int, unsigned int, unsigned int, unsigned int, unsigned int, unsigned int,
                                       const unsigned char*, unsigned int);
     using ExecuteNewFn = int (*)(int, const kestrel_zel_nn_tensordef*, unsigned int, kestrel_zel_nn_tensordef*,
                                  unsigned int);
     using ExecuteFn = int (*)(int, unsigned int, unsigned int, unsigned int, unsigned int, const unsigned char*,
-                              unsigned int, unsigned int*, unsigned int*, unsigned int*, unsigned int*,
-                              unsigned char*, unsigned int, unsigned int*);
+                              unsigned int, unsigned int*, unsigned int*, unsigned int*, unsigned int*, unsigned char*,
+                              unsigned int, unsigned int*);
     using TeardownFn = int (*)(int);
     using VersionFn = int (*)(int*);
     using SetPowersaveLevelFn = int (*)(unsigned int);

@@ -135,9 +135,9 @@ int kestrel_zel_nn_snpprint(int graph_id, unsigned char* buf, unsigned int lengt
 int kestrel_zel_nn_append_node(int graph_id, unsigned int node_id, zel_op_type_enum operation, int padding,
                                const kestrel_zel_nn_input* inputs, unsigned int num_inputs,
                                const kestrel_zel_nn_output* outputs, unsigned int num_outputs);
-int kestrel_zel_nn_append_const_node(int graph_id, unsigned int node_id, unsigned int batches,
-                                     unsigned int height, unsigned int width, unsigned int depth,
-                                     const unsigned char* data, unsigned int data_len);
+int kestrel_zel_nn_append_const_node(int graph_id, unsigned int node_id, unsigned int batches, unsigned int height,
+                                     unsigned int width, unsigned int depth, const unsigned char* data,
+                                     unsigned int data_len);
 int kestrel_zel_nn_prepare(int graph_id);
 int kestrel_zel_nn_execute_new(int graph_id, const kestrel_zel_nn_tensordef* inputs, unsigned int num_inputs,
                                kestrel_zel_nn_tensordef* outputs, unsigned int num_outputs);
@@ -149,7 +149,7 @@ int kestrel_zel_nn_execute(int graph_id, unsigned int batches_in, unsigned int h
 int kestrel_zel_nn_teardown(int graph_id);
 
 #ifdef __cplusplus
-}  /* extern "C" */
+} /* extern "C" */
 #endif
 
 #ifdef __cplusplus

@@ -33,9 +33,9 @@ struct OperandInfo {
     uint32_t length = 0;
     uint32_t elementSize = 0;
     bool dequantizeOutput = true;
-    input kestrel_input{};  // runtime node output carrying the value; {0,0} = absent
-    input quantMin{};       // constant node with the range minimum
-    input quantMax{};       // constant node with the range maximum
+    input kestrel_input{};           // runtime node output carrying the value; {0,0} = absent
+    input quantMin{};                // constant node with the range minimum
+    input quantMax{};                // constant node with the range maximum
     kestrel_zel_nn_output output{};  // runtime output description
 };
 
@@ -122,8 +122,8 @@ public:
     bool scalarsHaveData(const std::vector<uint32_t>& indices);
 
     // --- constant nodes ----------------------------------------------------
-    input createTensorInternal(uint32_t batches, uint32_t height, uint32_t width, uint32_t depth,
-                               const uint8_t* data, uint32_t length);
+    input createTensorInternal(uint32_t batches, uint32_t height, uint32_t width, uint32_t depth, const uint8_t* data,
+                               uint32_t length);
     input createShape(uint32_t batches, uint32_t height, uint32_t width, uint32_t depth);
     input addOperand(uint32_t index);
     const input& getTensor(uint32_t index);

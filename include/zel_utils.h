@@ -63,7 +63,9 @@ bool eq(const A& a, const B& b) {
     }
 }
 template <typename A, typename B>
-bool ne(const A& a, const B& b) { return !eq(a, b); }
+bool ne(const A& a, const B& b) {
+    return !eq(a, b);
+}
 template <typename A, typename B>
 bool le(const A& a, const B& b) {
     if constexpr (mixedSign<A, B>()) {
@@ -75,7 +77,9 @@ bool le(const A& a, const B& b) {
     }
 }
 template <typename A, typename B>
-bool ge(const A& a, const B& b) { return le(b, a); }
+bool ge(const A& a, const B& b) {
+    return le(b, a);
+}
 }  // namespace zel_detail
 
 // Consistency check: when `a op b` is false, logs
@@ -105,14 +109,14 @@ bool ge(const A& a, const B& b) { return le(b, a); }
 
 // Shape-inference precondition: logs "NN_CHECK failed: <condition>" and
 // returns false.
-#define NN_CHECK(condition)                                         \
-    do {                                                            \
-        if (!(condition)) {                                         \
-            std::ostringstream zel_os_;                             \
-            zel_os_ << "NN_CHECK failed: " << #condition;           \
-            ::handle_error_info(zel_os_.str());                     \
-            return false;                                           \
-        }                                                           \
+#define NN_CHECK(condition)                               \
+    do {                                                  \
+        if (!(condition)) {                               \
+            std::ostringstream zel_os_;                   \
+            zel_os_ << "NN_CHECK failed: " << #condition; \
+            ::handle_error_info(zel_os_.str());           \
+            return false;                                 \
+        }                                                 \
     } while (0)
 
 namespace arv {
@@ -173,11 +177,11 @@ bool convPrepare(const Shape& input, const Shape& filter, const Shape& bias, int
                  int32_t padding_right, int32_t padding_top, int32_t padding_bottom, int32_t stride_width,
                  int32_t stride_height, Shape* output);
 bool depthwiseConvPrepare(const Shape& input, const Shape& filter, const Shape& bias, int32_t padding_left,
-                          int32_t padding_right, int32_t padding_top, int32_t padding_bottom,
-                          int32_t stride_width, int32_t stride_height, Shape* output);
+                          int32_t padding_right, int32_t padding_top, int32_t padding_bottom, int32_t stride_width,
+                          int32_t stride_height, Shape* output);
 bool genericPoolingPrepare(const Shape& input, int32_t padding_left, int32_t padding_right, int32_t padding_top,
-                           int32_t padding_bottom, int32_t stride_width, int32_t stride_height,
-                           int32_t filter_width, int32_t filter_height, Shape* output);
+                           int32_t padding_bottom, int32_t stride_width, int32_t stride_height, int32_t filter_width,
+                           int32_t filter_height, Shape* output);
 bool genericActivationPrepare(const Shape& input, Shape* output);
 bool genericNormalizationPrepare(const Shape& input, Shape* output);
 bool fullyConnectedPrepare(const Shape& input, const Shape& weights, const Shape& bias, Shape* output);
@@ -190,19 +194,15 @@ bool embeddingLookupPrepare(const Shape& valueShape, const Shape& lookupShape, S
 bool hashtableLookupPrepare(const Shape& lookupShape, const Shape& keyShape, const Shape& valueShape,
                             Shape* outputShape, Shape* hitShape);
 bool padPrepare(const Shape& input, const int32_t* paddingsData, const Shape& paddingsShape, Shape* output);
-bool batchToSpacePrepare(const Shape& input, const int32_t* blockSizeData, const Shape& blockSizeShape,
-                         Shape* output);
+bool batchToSpacePrepare(const Shape& input, const int32_t* blockSizeData, const Shape& blockSizeShape, Shape* output);
 bool spaceToBatchPrepare(const Shape& input, const int32_t* blockSizeData, const Shape& blockSizeShape,
                          const int32_t* paddingsData, const Shape& paddingsShape, Shape* output);
-bool squeezePrepare(const Shape& input, const int32_t* squeezeDims, const Shape& squeezeDimsShape,
-                    Shape* output);
+bool squeezePrepare(const Shape& input, const int32_t* squeezeDims, const Shape& squeezeDimsShape, Shape* output);
 bool transposePrepare(const Shape& input, const int32_t* permData, const Shape& permShape, Shape* output);
-bool meanPrepare(const Shape& input, const int32_t* axisData, const Shape& axisShape, bool keepDims,
-                 Shape* output);
-bool stridedSlicePrepare(const Shape& input, const int32_t* beginData, const Shape& beginShape,
-                         const int32_t* endData, const Shape& endShape, const int32_t* stridesData,
-                         const Shape& stridesShape, int32_t beginMask, int32_t endMask, int32_t shrinkAxisMask,
-                         Shape* output);
+bool meanPrepare(const Shape& input, const int32_t* axisData, const Shape& axisShape, bool keepDims, Shape* output);
+bool stridedSlicePrepare(const Shape& input, const int32_t* beginData, const Shape& beginShape, const int32_t* endData,
+                         const Shape& endShape, const int32_t* stridesData, const Shape& stridesShape,
+                         int32_t beginMask, int32_t endMask, int32_t shrinkAxisMask, Shape* output);
 
 // ---------------------------------------------------------------------------
 // Padding, activation and quantization arithmetic.
@@ -211,15 +211,12 @@ bool stridedSlicePrepare(const Shape& input, const int32_t* beginData, const Sha
 padding_type_enum getPadding(unsigned int code);
 // Explicit paddings to SAME/VALID when they match exactly, else ZEL_NN_PAD_NA.
 padding_type_enum getPadding(int inWidth, int inHeight, int strideWidth, int strideHeight, int filterWidth,
-                             int filterHeight, int paddingLeft, int paddingRight, int paddingTop,
-                             int paddingBottom);
+                             int filterHeight, int paddingLeft, int paddingRight, int paddingTop, int paddingBottom);
 zel_op_type_enum getFloatActivationFunction(ActivationFunc activation);
 zel_op_type_enum getQuantizedActivationFunction(ActivationFunc activation);
-void CalculateActivationRangeUint8(int32_t activation, const Shape& outputShape, int32_t* act_min,
-                                   int32_t* act_max);
+void CalculateActivationRangeUint8(int32_t activation, const Shape& outputShape, int32_t* act_min, int32_t* act_max);
 void CalculateActivationRangeFloat(int32_t activation, float* activation_min, float* activation_max);
-bool QuantizeMultiplierSmallerThanOne(double double_multiplier, int32_t* quantized_multiplier,
-                                      int32_t* right_shift);
+bool QuantizeMultiplierSmallerThanOne(double double_multiplier, int32_t* quantized_multiplier, int32_t* right_shift);
 bool QuantizeMultiplierGreaterThanOne(double double_multiplier, int32_t* quantized_multiplier, int* left_shift);
 bool GetQuantizedConvolutionMultipler(const Shape& inputShape, const Shape& filterShape, const Shape& biasShape,
                                       const Shape& outputShape, float* multiplier);

@@ -43,9 +43,8 @@ bool outputSize(const Graph& g, const kestrel_zel_nn_input& ref, uint64_t* bytes
     return true;
 }
 
-std::string checkBuffers(const Graph& g, const Boundary& b, const kestrel_zel_nn_tensordef* inputs,
-                         uint32_t numInputs, const kestrel_zel_nn_tensordef* outputs, uint32_t numOutputs,
-                         uint32_t* firstOutputDims) {
+std::string checkBuffers(const Graph& g, const Boundary& b, const kestrel_zel_nn_tensordef* inputs, uint32_t numInputs,
+                         const kestrel_zel_nn_tensordef* outputs, uint32_t numOutputs, uint32_t* firstOutputDims) {
     const size_t wantIn = b.input == nullptr ? 0 : b.input->outputs.size();
     if (numInputs != wantIn) {
         return std::to_string(numInputs) + " input buffer(s) for " + std::to_string(wantIn) + " graph input(s)";
@@ -120,8 +119,9 @@ public:
         std::vector<const Tensor*> in;
         for (const auto& ref : n.inputs) {
             const Tensor* t = value(ref);
-            if (t == nullptr) return "input {" + std::to_string(ref.src_id) + ", " + std::to_string(ref.output_idx) +
-                                     "} has no value";
+            if (t == nullptr)
+                return "input {" + std::to_string(ref.src_id) + ", " + std::to_string(ref.output_idx) +
+                       "} has no value";
             in.push_back(t);
         }
         if (n.op == ZEL_OP_OUTPUT) return copyOut(in, outputs);

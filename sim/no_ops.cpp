@@ -4,6 +4,8 @@
 
 namespace zelsim {
 
-const OpSpec* findOp(int32_t) { return nullptr; }
+const OpSpec* findOp(int32_t) {
+    return nullptr;
+}
 
 }  // namespace zelsim

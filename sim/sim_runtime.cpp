@@ -111,7 +111,7 @@ int kestrel_zel_nn_append_node(int graph_id, unsigned int node_id, zel_op_type_e
                                const kestrel_zel_nn_output* outputs, unsigned int num_outputs) {
     return withGraph("append_node", graph_id, [&](State& s, Graph& g) {
         return zelsim::store::appendNode(s, g, node_id, static_cast<int32_t>(operation), padding, inputs, num_inputs,
-                                          outputs, num_outputs);
+                                         outputs, num_outputs);
     });
 }
 

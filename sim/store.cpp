@@ -9,9 +9,9 @@ namespace zelsim {
 namespace store {
 namespace {
 
-const char* const kEntries[] = {"config",      "version",           "init",    "set_config_params", "set_debug_level",
-                                "getlog",      "snpprint",          "prepare", "append_node",       "append_const_node",
-                                "execute_new", "execute",           "teardown"};
+const char* const kEntries[] = {"config",      "version",  "init",    "set_config_params", "set_debug_level",
+                                "getlog",      "snpprint", "prepare", "append_node",       "append_const_node",
+                                "execute_new", "execute",  "teardown"};
 
 bool knownEntry(const std::string& entry) {
     for (const char* e : kEntries) {
@@ -161,7 +161,9 @@ State& state() {
 
 namespace {
 // Reads ZELSIM_FAULTS when the library loads, before any entry point runs.
-__attribute__((constructor)) void loadState() { state(); }
+__attribute__((constructor)) void loadState() {
+    state();
+}
 }  // namespace
 
 std::string opName(int32_t op) {

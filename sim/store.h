@@ -15,9 +15,11 @@
 #include "zelsim/control.h"
 #include "zelsim/ops.h"
 
-namespace zelsim {
 // Internal to the library: never exported, whatever the export list says.
-namespace store __attribute__((visibility("hidden"))) {
+#pragma GCC visibility push(hidden)
+
+namespace zelsim {
+namespace store {
 
 // Return code of every refused call.
 constexpr int kFailure = -1;
@@ -46,8 +48,8 @@ struct Node {
 
 struct Graph {
     int id = 0;
-    std::vector<Node> nodes;                 // append order, refused ones included
-    std::map<uint32_t, size_t> acceptedAt;   // node id -> index in `nodes`
+    std::vector<Node> nodes;                // append order, refused ones included
+    std::map<uint32_t, size_t> acceptedAt;  // node id -> index in `nodes`
     uint32_t lastAcceptedId = 0;
     bool prepared = false;
     bool unchecked = false;  // something was appended in pass-through mode
@@ -111,8 +113,7 @@ NodeDesc toDesc(const Node& n);
 // The work of the graph entry points, called with the store locked.
 int appendNode(State& s, Graph& g, uint32_t nodeId, int32_t op, int32_t padding, const kestrel_zel_nn_input* inputs,
                uint32_t numInputs, const kestrel_zel_nn_output* outputs, uint32_t numOutputs);
-int appendConstNode(State& s, Graph& g, uint32_t nodeId, const uint32_t dims[4], const uint8_t* data,
-                    uint32_t dataLen);
+int appendConstNode(State& s, Graph& g, uint32_t nodeId, const uint32_t dims[4], const uint8_t* data, uint32_t dataLen);
 int prepareGraph(State& s, Graph& g);
 // `firstOutputDims` (optional) receives the dims of the first graph output.
 int executeGraph(State& s, Graph& g, const kestrel_zel_nn_tensordef* inputs, uint32_t numInputs,
@@ -126,3 +127,5 @@ uint64_t recordElements(const kestrel_zel_nn_output& record);
 
 }  // namespace store
 }  // namespace zelsim
+
+#pragma GCC visibility pop

@@ -6,8 +6,8 @@
 #include <dlfcn.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <atomic>
+#include <cstdio>
 #include <exception>
 #include <sstream>
 
@@ -83,12 +83,8 @@ bool VotingThread::enqueueVote(uint64_t token, VoteType type) {
     {
         std::lock_guard<std::mutex> lock(mMutex);
         switch (type) {
-            case UP:
-                wake = enqueueMessageLocked(token, Message::UP_VOTE, std::chrono::microseconds(0));
-                break;
-            case DOWN:
-                wake = enqueueMessageLocked(token, Message::DOWN_VOTE, mDelays.release);
-                break;
+            case UP: wake = enqueueMessageLocked(token, Message::UP_VOTE, std::chrono::microseconds(0)); break;
+            case DOWN: wake = enqueueMessageLocked(token, Message::DOWN_VOTE, mDelays.release); break;
             default:
                 handle_error_info("Invalid vote type: " + std::to_string(static_cast<uint32_t>(type)));
                 return false;
@@ -131,9 +127,8 @@ size_t VotingThread::queueSize() {
 
 size_t VotingThread::queuedCount(Message::Type type) {
     std::lock_guard<std::mutex> lock(mMutex);
-    return static_cast<size_t>(std::count_if(mQueue.begin(), mQueue.end(), [type](const Queue::value_type& queued) {
-        return queued.second.type == type;
-    }));
+    return static_cast<size_t>(std::count_if(
+        mQueue.begin(), mQueue.end(), [type](const Queue::value_type& queued) { return queued.second.type == type; }));
 }
 
 void VotingThread::votingThreadFunc() {
@@ -184,7 +179,9 @@ bool VotingThread::enqueueMessageLocked(uint64_t token, Message::Type type, std:
     return queued == mQueue.begin();
 }
 
-VotingThread::Message VotingThread::peekFirstMessage() { return mQueue.begin()->second; }
+VotingThread::Message VotingThread::peekFirstMessage() {
+    return mQueue.begin()->second;
+}
 
 void VotingThread::setCountLocked(std::unordered_map<uint64_t, uint64_t>::iterator entry, uint64_t count) {
     if (entry->second == 0 && count != 0) ++mBusyTokens;
@@ -412,8 +409,7 @@ int NnLib::append_node(int graph_id, unsigned int node_id, zel_op_type_enum oper
 }
 
 int NnLib::append_const_node(int graph_id, unsigned int node_id, unsigned int batches, unsigned int height,
-                             unsigned int width, unsigned int depth, const unsigned char* data,
-                             unsigned int data_len) {
+                             unsigned int width, unsigned int depth, const unsigned char* data, unsigned int data_len) {
     std::shared_lock<std::shared_mutex> call(mCallMutex);
     if (mAppendConstNode == nullptr) return -1;
     return mAppendConstNode(graph_id, node_id, batches, height, width, depth, data, data_len);
@@ -433,8 +429,8 @@ int NnLib::execute(int graph_id, unsigned int batches_in, unsigned int height_in
                    unsigned int* data_out_size) {
     std::shared_lock<std::shared_mutex> call(mCallMutex);
     if (mExecute == nullptr) return -1;
-    return mExecute(graph_id, batches_in, height_in, width_in, depth_in, data_in, data_len_in, batches_out,
-                    height_out, width_out, depth_out, data_out, data_out_max, data_out_size);
+    return mExecute(graph_id, batches_in, height_in, width_in, depth_in, data_in, data_len_in, batches_out, height_out,
+                    width_out, depth_out, data_out, data_out_max, data_out_size);
 }
 
 int NnLib::teardown(int graph_id) {
@@ -462,9 +458,13 @@ void NnLib::asyncVote(uint64_t token, VotingThread::VoteType type) {
     mVotingThread->enqueueVote(token, type);
 }
 
-uint64_t NnLib::generateVotingToken() { return mVotingThread->generateVotingToken(); }
+uint64_t NnLib::generateVotingToken() {
+    return mVotingThread->generateVotingToken();
+}
 
-void NnLib::releaseVotingToken(uint64_t token) { mVotingThread->releaseVotingToken(token); }
+void NnLib::releaseVotingToken(uint64_t token) {
+    mVotingThread->releaseVotingToken(token);
+}
 
 // ===========================================================================
 // Controller
@@ -474,9 +474,13 @@ Controller* Controller::getInstance() {
     return &instance;
 }
 
-Controller::Controller() { openNnLib(); }
+Controller::Controller() {
+    openNnLib();
+}
 
-Controller::~Controller() { closeNnLib(); }
+Controller::~Controller() {
+    closeNnLib();
+}
 
 bool Controller::openNnLib() {
     if (mNnLib) mNnLib->resetFunctors();
@@ -607,9 +611,13 @@ void ZelExecutor::release() {
 
 std::string ZelAccelerator::mIdentifier = "zel";
 
-const char* ZelAccelerator::getUniqueIdentifier() { return mIdentifier.c_str(); }
+const char* ZelAccelerator::getUniqueIdentifier() {
+    return mIdentifier.c_str();
+}
 
-int ZelAccelerator::getVersion() { return 0; }
+int ZelAccelerator::getVersion() {
+    return 0;
+}
 
 bool ZelAccelerator::getCapability(AcceleratorCapability capability) {
     return (static_cast<int32_t>(capability) & ~1) == 2;
@@ -647,9 +655,8 @@ CreateExecutorResult ZelAccelerator::createGraphExecutor(IGraph* graph, IExecuto
         if (executor == nullptr && !isZelAvailable()) {
             return CreateExecutorResult{Status::ACCELERATOR_UNAVAILABLE, nullptr};
         }
-        const CreateExecutorResult result = executor == nullptr
-                                                ? CreateExecutorResult{Status::GENERAL_FAILURE, nullptr}
-                                                : CreateExecutorResult{Status::SUCCESS, executor};
+        const CreateExecutorResult result = executor == nullptr ? CreateExecutorResult{Status::GENERAL_FAILURE, nullptr}
+                                                                : CreateExecutorResult{Status::SUCCESS, executor};
         handle_debug_info("Out ZelAccelerator::createGraphExecutor()");
         return result;
     } catch (...) {

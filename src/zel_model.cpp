@@ -68,14 +68,10 @@ uint32_t getSize(OperandType type) {
         case OperandType::SCALAR_INT32:
         case OperandType::SCALAR_UNSIGNED_INT32:
         case OperandType::TENSOR_FP32:
-        case OperandType::TENSOR_INT32:
-            return 4;
+        case OperandType::TENSOR_INT32: return 4;
         case OperandType::TENSOR_QUANT8:
-        case OperandType::TENSOR_CUSTOM_BYTE:
-            return 1;
-        default:
-            ZEL_LOG_LOCATED("Error: type exceeds max enum value");
-            return 0;
+        case OperandType::TENSOR_CUSTOM_BYTE: return 1;
+        default: ZEL_LOG_LOCATED("Error: type exceeds max enum value"); return 0;
     }
 }
 
@@ -142,7 +138,8 @@ void transposeTiles(uint32_t rows, uint32_t cols, const uint8_t* data, size_t st
     uint32_t r = 0;
     for (; r + 16 <= rows; r += 16) {
         uint32_t c = 0;
-        for (; c + 16 <= cols; c += 16) transposeTile16(data + r * stride + c, stride, out + c * outStride + r, outStride);
+        for (; c + 16 <= cols; c += 16)
+            transposeTile16(data + r * stride + c, stride, out + c * outStride + r, outStride);
         for (; c < cols; ++c) {
             for (uint32_t k = r; k < r + 16; ++k) out[c * outStride + k] = data[k * stride + c];
         }
@@ -163,8 +160,8 @@ void transposeInto(uint32_t rows, uint32_t cols, const uint8_t* data, uint8_t* o
         for (uint32_t r0 = 0; r0 < rows; r0 += kBlock) {
             for (uint32_t c0 = 0; c0 < cols; c0 += kBlock) {
                 transposeTiles(std::min(kBlock, rows - r0), std::min(kBlock, cols - c0),
-                               data + static_cast<size_t>(r0) * cols + c0, cols, out + static_cast<size_t>(c0) * rows + r0,
-                               rows);
+                               data + static_cast<size_t>(r0) * cols + c0, cols,
+                               out + static_cast<size_t>(c0) * rows + r0, rows);
             }
         }
         return;
@@ -312,12 +309,9 @@ const uint8_t* ZelModel::getPointer(uint32_t index) {
 
 padding_type_enum ZelModel::getPadding(uint32_t index) {
     switch (getScalar<int32_t>(index)) {
-        case 1:
-            return ZEL_NN_PAD_SAME;
-        case 2:
-            return ZEL_NN_PAD_VALID;
-        default:
-            return ZEL_NN_PAD_NA;
+        case 1: return ZEL_NN_PAD_SAME;
+        case 2: return ZEL_NN_PAD_VALID;
+        default: return ZEL_NN_PAD_NA;
     }
 }
 
@@ -677,11 +671,9 @@ std::vector<input> ZelModel::setupActivationArgs(zel_op_type_enum activation) {
     switch (activation) {
         case ZEL_OP_Nop:
         case ZEL_OP_QuantizedRelu_8:
-        case ZEL_OP_FloatRelu:
-            return {};
+        case ZEL_OP_FloatRelu: return {};
         case ZEL_OP_QuantizedReluX_8:
-        case ZEL_OP_FloatReluX:
-            return {createFloatConstant(6.0f)};
+        case ZEL_OP_FloatReluX: return {createFloatConstant(6.0f)};
         case ZEL_OP_QuantizedClamp_8:
         case ZEL_OP_FloatClamp: {
             const input lo = createFloatConstant(-1.0f);

@@ -697,10 +697,8 @@ bool fusedActivationCheck(zel_op_type_enum code) {
         case ZEL_OP_QuantizedRelu_8:
         case ZEL_OP_QuantizedReluX_8:
         case ZEL_OP_QuantizedActivation89:
-        case ZEL_OP_QuantizedClamp_8:
-            return true;
-        default:
-            return false;
+        case ZEL_OP_QuantizedClamp_8: return true;
+        default: return false;
     }
 }
 

@@ -27,7 +27,9 @@ void handle_debug_info(const std::string& msg) {
     __android_log_print(ANDROID_LOG_DEBUG, kZelLogTag, "%s", msg.c_str());
 }
 
-void handle_debug_info(const char* msg) { __android_log_print(ANDROID_LOG_DEBUG, kZelLogTag, "%s", msg); }
+void handle_debug_info(const char* msg) {
+    __android_log_print(ANDROID_LOG_DEBUG, kZelLogTag, "%s", msg);
+}
 
 void handle_error_info(const std::string& msg) {
     __android_log_print(ANDROID_LOG_ERROR, kZelLogTag, "%s", msg.c_str());
@@ -98,14 +100,8 @@ constexpr NamedValue kOperationNames[] = {
 };
 
 constexpr NamedValue kOperandNames[] = {
-    {0, "SCALAR_FP32"},
-    {1, "SCALAR_INT32"},
-    {2, "SCALAR_UNSIGNED_INT32"},
-    {3, "TENSOR_FP32"},
-    {4, "TENSOR_INT32"},
-    {5, "TENSOR_QUANT8"},
-    {10000, "CUSTOM"},
-    {10001, "TENSOR_CUSTOM_BYTE"},
+    {0, "SCALAR_FP32"},   {1, "SCALAR_INT32"}, {2, "SCALAR_UNSIGNED_INT32"},  {3, "TENSOR_FP32"}, {4, "TENSOR_INT32"},
+    {5, "TENSOR_QUANT8"}, {10000, "CUSTOM"},   {10001, "TENSOR_CUSTOM_BYTE"},
 };
 
 // Only the runtime operations the plug-in emits have a name; the others
@@ -133,12 +129,7 @@ constexpr NamedValue kZelOpNames[] = {
 
 // Indexed by the padding value.
 constexpr const char* kPaddingNames[] = {
-    "NN_PAD_NA",
-    "NN_PAD_SAME",
-    "NN_PAD_VALID",
-    "NN_PAD_MIRROR_REFLECT",
-    "NN_PAD_MIRROR_SYMMETRIC",
-    "NN_PAD_SAME_CAFFE",
+    "NN_PAD_NA", "NN_PAD_SAME", "NN_PAD_VALID", "NN_PAD_MIRROR_REFLECT", "NN_PAD_MIRROR_SYMMETRIC", "NN_PAD_SAME_CAFFE",
 };
 
 template <size_t N>
@@ -180,11 +171,17 @@ std::string toString(padding_type_enum padding) {
     return kPaddingNames[index];
 }
 
-std::string toString(unsigned int value) { return std::to_string(value); }
+std::string toString(unsigned int value) {
+    return std::to_string(value);
+}
 
-std::string toString(int value) { return std::to_string(value); }
+std::string toString(int value) {
+    return std::to_string(value);
+}
 
-std::string toString(float value) { return std::to_string(value); }
+std::string toString(float value) {
+    return std::to_string(value);
+}
 
 std::string toString(const kestrel_zel_nn_input& in) {
     return "kestrel_nn_input{.src_id: " + std::to_string(in.src_id) +
@@ -193,38 +190,30 @@ std::string toString(const kestrel_zel_nn_input& in) {
 
 std::string toString(const kestrel_zel_nn_output& out) {
     // All eight sizes, whatever the rank.
-    return "kestrel_nn_output{.rank: " + std::to_string(out.rank) +
-           ", .max_sizes: " + toString(out.max_sizes, 8) +
-           ", .elementsize: " + std::to_string(out.elementsize) +
-           ", .zero_offset: " + std::to_string(out.zero_offset) +
+    return "kestrel_nn_output{.rank: " + std::to_string(out.rank) + ", .max_sizes: " + toString(out.max_sizes, 8) +
+           ", .elementsize: " + std::to_string(out.elementsize) + ", .zero_offset: " + std::to_string(out.zero_offset) +
            ", .stepsize: " + std::to_string(out.stepsize) + "}";
 }
 
 std::string toString(const kestrel_zel_nn_tensordef& def) {
     const uintptr_t address = reinterpret_cast<uintptr_t>(def.data);
     return "kestrel_nn_tensordef{.batches: " + std::to_string(def.batches) +
-           ", .height: " + std::to_string(def.height) +
-           ", .width: " + std::to_string(def.width) +
-           ", .depth: " + std::to_string(def.depth) +
-           ", .data: " + std::to_string(address) +
-           ", .dataLen: " + std::to_string(def.dataLen) +
-           ", .data_valid_len: " + std::to_string(def.data_valid_len) +
+           ", .height: " + std::to_string(def.height) + ", .width: " + std::to_string(def.width) +
+           ", .depth: " + std::to_string(def.depth) + ", .data: " + std::to_string(address) +
+           ", .dataLen: " + std::to_string(def.dataLen) + ", .data_valid_len: " + std::to_string(def.data_valid_len) +
            ", .unused: " + std::to_string(def.unused) + "}";
 }
 
 std::string toString(const kestrel_zel_nn_perfinfo& info) {
     return "kestrel_nn_perfinfo{.node_id: " + std::to_string(info.node_id) +
-           ", .executions: " + std::to_string(info.executions) +
-           ", .counter_lo: " + std::to_string(info.counter_lo) +
+           ", .executions: " + std::to_string(info.executions) + ", .counter_lo: " + std::to_string(info.counter_lo) +
            ", .counter_hi: " + std::to_string(info.counter_hi) + "}";
 }
 
 std::string toString(const Shape& shape) {
     const uint32_t count = static_cast<uint32_t>(shape.dimensions.size());
-    return "Shape{.type: " + toString(shape.type) +
-           ", .dimensions: " + toString(shape.dimensions.data(), count) +
-           ", .scale: " + std::to_string(shape.scale) +
-           ", .zeroPoint: " + std::to_string(shape.offset) + "}";
+    return "Shape{.type: " + toString(shape.type) + ", .dimensions: " + toString(shape.dimensions.data(), count) +
+           ", .scale: " + std::to_string(shape.scale) + ", .zeroPoint: " + std::to_string(shape.offset) + "}";
 }
 
 // ---------------------------------------------------------------------------
@@ -865,12 +854,9 @@ bool stridedSlicePrepare(const Shape& input, const int32_t* beginData, const Sha
 
 padding_type_enum getPadding(unsigned int code) {
     switch (code) {
-        case 1:
-            return ZEL_NN_PAD_SAME;
-        case 2:
-            return ZEL_NN_PAD_VALID;
-        default:
-            return ZEL_NN_PAD_NA;
+        case 1: return ZEL_NN_PAD_SAME;
+        case 2: return ZEL_NN_PAD_VALID;
+        default: return ZEL_NN_PAD_NA;
     }
 }
 
@@ -937,9 +923,7 @@ void CalculateActivationRangeUint8(int32_t activation, const Shape& outputShape,
             *act_min = std::max(kQmin, quantize(0.0f));
             *act_max = std::min(kQmax, quantize(6.0f));
             break;
-        default:
-            ::handle_error_info("Unsupported fused activation function.");
-            break;
+        default: ::handle_error_info("Unsupported fused activation function."); break;
     }
 }
 
@@ -965,9 +949,7 @@ void CalculateActivationRangeFloat(int32_t activation, float* activation_min, fl
             *activation_min = 0.0f;
             *activation_max = 6.0f;
             break;
-        default:
-            ::handle_error_info("Unsupported fused activation function.");
-            break;
+        default: ::handle_error_info("Unsupported fused activation function."); break;
     }
 }
 

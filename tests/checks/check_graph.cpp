@@ -143,8 +143,7 @@ std::vector<uint32_t> canonical(OpGraph& g, Form form, int32_t act) {
         case OT::DEPTHWISE_CONV_2D:
         case OT::AVERAGE_POOL_2D:
         case OT::MAX_POOL_2D:
-        case OT::L2_POOL_2D:
-            return window(g, form, act);
+        case OT::L2_POOL_2D: return window(g, form, act);
         case OT::FULLY_CONNECTED:
             g.ins = {g.tensorInput({2, 6}), g.tensorConstant({3, 6}), g.biasConstant({3}, 0.25f), g.scalar(act)};
             g.outs = {g.tensorOutput({0, 0})};

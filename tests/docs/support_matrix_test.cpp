@@ -48,7 +48,11 @@ std::string generateMatrix() {
         for (OperandType t : types) {
             const bool checked = checks.count({op, t}) != 0;
             const bool lowered = lowering.count({op, t}) != 0;
-            out << " " << (checked && lowered ? "rules + lowering" : checked ? "rules only" : lowered ? "lowering only" : "-")
+            out << " "
+                << (checked && lowered ? "rules + lowering"
+                    : checked          ? "rules only"
+                    : lowered          ? "lowering only"
+                                       : "-")
                 << " |";
         }
         out << "\n";

@@ -1,16 +1,18 @@
 // The DOT rendering zelrun falls back to when the runtime offers only its
 // one-node-a-line listing.
+#include "zelhost/graph_dump.h"
+
 #include <gtest/gtest.h>
 
 #include <string>
-
-#include "zelhost/graph_dump.h"
 
 using arv::nnhal::host::listingToDot;
 
 namespace {
 
-bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+bool contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
 
 TEST(ListingToDot, NodesConstantsAndEdges) {
     const std::string listing =
@@ -41,7 +43,8 @@ TEST(ListingToDot, ParenthesisedReferences) {
 }
 
 TEST(ListingToDot, EmptyListingGivesAnEmptyGraph) {
-    EXPECT_EQ(listingToDot("", "g"), "digraph \"g\" {\n  rankdir=TB;\n  node [shape=box, fontname=\"monospace\"];\n}\n");
+    EXPECT_EQ(listingToDot("", "g"),
+              "digraph \"g\" {\n  rankdir=TB;\n  node [shape=box, fontname=\"monospace\"];\n}\n");
 }
 
 }  // namespace

@@ -12,9 +12,9 @@ using arv::nnhal::OperationType;
 using arv::nnhal::host::HostGraph;
 using arv::nnhal::host::Lifetime;
 
-const std::vector<int32_t> kOperationCodes = {0,  1,  2,  3,  4,  9,  17, 19,    20,    21,   22,   23,  36,
-                                              71, 91, 6,  14, 18, 25, 32, 34,    26,    29,   33,   28,  13,
-                                              12, 37, 5,  8,  38, 70, 72, 20000, 20001, -1,   1000, 255, 16};
+const std::vector<int32_t> kOperationCodes = {0,  1,  2, 3,  4,  9,  17, 19,    20,    21, 22,   23,  36,
+                                              71, 91, 6, 14, 18, 25, 32, 34,    26,    29, 33,   28,  13,
+                                              12, 37, 5, 8,  38, 70, 72, 20000, 20001, -1, 1000, 255, 16};
 const std::vector<float> kScales = {0.5f, 0.25f, 1.0f, 0.0078125f, 0.0f, -1.0f, 0.1f, 2.0f};
 const std::vector<int32_t> kZeroPoints = {0, 128, 255, 1, -1, 256, 127, 64};
 
@@ -39,10 +39,8 @@ private:
 uint32_t elementBytes(OperandType type) {
     switch (type) {
         case OperandType::TENSOR_QUANT8:
-        case OperandType::TENSOR_CUSTOM_BYTE:
-            return 1;
-        default:
-            return 4;
+        case OperandType::TENSOR_CUSTOM_BYTE: return 1;
+        default: return 4;
     }
 }
 

@@ -1,9 +1,8 @@
 // Replays the fuzzer's seed corpus and a fixed stream of pseudo-random
 // inputs through the plug-in, in every build flavour: malformed graphs must
 // be refused or survived, never crash.
-#include <gtest/gtest.h>
-
 #include <dirent.h>
+#include <gtest/gtest.h>
 
 #include <fstream>
 #include <iterator>

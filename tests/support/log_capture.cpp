@@ -4,9 +4,13 @@
 
 namespace zeltest {
 
-LogCapture::LogCapture() { zel_log_set_sink(&LogCapture::sink, this); }
+LogCapture::LogCapture() {
+    zel_log_set_sink(&LogCapture::sink, this);
+}
 
-LogCapture::~LogCapture() { zel_log_set_sink(nullptr, nullptr); }
+LogCapture::~LogCapture() {
+    zel_log_set_sink(nullptr, nullptr);
+}
 
 void LogCapture::sink(int prio, const char* tag, const char* text, void* context) {
     auto* self = static_cast<LogCapture*>(context);

@@ -22,9 +22,9 @@ public:
     LogCapture& operator=(const LogCapture&) = delete;
 
     std::vector<LogLine> lines() const;
-    std::vector<std::string> texts() const;          // every line's text
-    std::vector<std::string> errors() const;         // texts of priority-6 lines
-    std::vector<std::string> debugs() const;         // texts of priority-3 lines
+    std::vector<std::string> texts() const;   // every line's text
+    std::vector<std::string> errors() const;  // texts of priority-6 lines
+    std::vector<std::string> debugs() const;  // texts of priority-3 lines
     // Number of lines whose text equals `text` exactly.
     size_t count(const std::string& text) const;
     // Number of lines whose text contains `part`.

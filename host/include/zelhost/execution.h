@@ -37,7 +37,7 @@ struct Comparison {
     bool sizeMismatch = false;  // an output holds another number of values than expected
     uint32_t mismatches = 0;    // values outside the tolerance
     double maxDifference = 0.0;
-    std::string detail;         // the first problem, "" when everything matched
+    std::string detail;  // the first problem, "" when everything matched
     bool matched() const { return !sizeMismatch && mismatches == 0; }
 };
 

@@ -53,9 +53,7 @@ public:
     uint32_t getNumInputs() const override { return static_cast<uint32_t>(mInputs.size()); }
     uint32_t getInput(uint32_t index) const override { return index < mInputs.size() ? mInputs[index] : UINT32_MAX; }
     uint32_t getNumOutputs() const override { return static_cast<uint32_t>(mOutputs.size()); }
-    uint32_t getOutput(uint32_t index) const override {
-        return index < mOutputs.size() ? mOutputs[index] : UINT32_MAX;
-    }
+    uint32_t getOutput(uint32_t index) const override { return index < mOutputs.size() ? mOutputs[index] : UINT32_MAX; }
 
     OperationType mType = OperationType::ADD;
     std::vector<uint32_t> mInputs;

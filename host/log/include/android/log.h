@@ -20,8 +20,7 @@ typedef enum android_LogPriority {
 } android_LogPriority;
 
 /* Formats one line and hands it to the installed sink (dropped when none). */
-int __android_log_print(int prio, const char* tag, const char* fmt, ...)
-    __attribute__((format(printf, 3, 4)));
+int __android_log_print(int prio, const char* tag, const char* fmt, ...) __attribute__((format(printf, 3, 4)));
 
 /* Receives every formatted line. Called under the stand-in's lock, so a
  * sink sees one line at a time. */

@@ -10,6 +10,7 @@
 
 #include "arv/nnhal/nnhal_types.h"
 #include "zel_kestrel_runtime.h"
+#include "zel_utils.h"
 
 namespace arv {
 namespace nnhal {
@@ -35,7 +36,10 @@ class CheckRules {
 public:
     using Ins = std::vector<uint32_t>;
 
-    constexpr CheckRules(const char* source, bool quantized) : mSource(source), mQuantized(quantized) {}
+    constexpr CheckRules(const char* source, bool quantized) : mSource(source), mQuantized(quantized), mLine(0) {}
+    // The same rules, their located lines giving `line` of the source file
+    // (the line of the forward that runs them) instead of their own.
+    constexpr CheckRules at(int line) const { return CheckRules(mSource, mQuantized, line); }
 
     bool elementWise(const Ins& ins, const Ins& outs, ZelModel* model, OperationType type) const;
     bool pool(const Ins& ins, const Ins& outs, ZelModel* model, OperationType type) const;
@@ -67,8 +71,13 @@ private:
     bool readSpaceBatch(const Ins& ins, const Ins& outs, ZelModel* model, OperationType type, size_t inputCount,
                         SpaceBatch* operands) const;
 
+    constexpr CheckRules(const char* source, bool quantized, int line)
+        : mSource(source), mQuantized(quantized), mLine(line) {}
+    ::zel_detail::Source source() const { return {mSource, mLine}; }
+
     const char* mSource;  // file named by the located lines
     bool mQuantized;
+    int mLine;  // line named by the located lines; 0: the rule's own
 };
 
 namespace quant8_asym_check {

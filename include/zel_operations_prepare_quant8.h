@@ -11,6 +11,7 @@
 
 #include "arv/nnhal/nnhal_types.h"
 #include "zel_kestrel_runtime.h"
+#include "zel_utils.h"
 
 namespace arv {
 namespace nnhal {
@@ -54,7 +55,10 @@ kestrel_zel_nn_input strideShape(ZelModel* model, const Window& w);
 // family's source file.
 class Steps {
 public:
-    explicit constexpr Steps(const char* source) : mSource(source) {}
+    explicit constexpr Steps(const char* source, int line = 0) : mSource(source), mLine(line) {}
+    // The same steps, their located lines giving `line` of the source file
+    // (the line of the lowering that runs them) instead of their own.
+    constexpr Steps at(int line) const { return Steps(mSource, line); }
 
     // Count checks and operand guards shared by every function. The output
     // count line prints the actual count on the left, as this plug-in always
@@ -74,7 +78,10 @@ public:
     bool knownPadding(padding_type_enum pad) const;
 
 private:
+    ::zel_detail::Source source() const { return {mSource, mLine}; }
+
     const char* mSource;  // file named by the located lines
+    int mLine;            // line named by the located lines; 0: the step's own
 };
 
 }  // namespace lowering

@@ -28,11 +28,34 @@ void handle_error_info(const std::string& msg);
 std::ostream& operator<<(std::ostream& os, const kestrel_zel_nn_input& in);
 std::ostream& operator<<(std::ostream& os, const kestrel_zel_nn_output& out);
 
+namespace zel_detail {
+// A located line's source: a file, and a line of that file, or 0 for the
+// line of the check itself.
+struct Source {
+    const char* file;
+    int line;
+};
+inline const char* fileOf(const char* file) {
+    return file;
+}
+inline const char* fileOf(const Source& source) {
+    return source.file;
+}
+inline int lineOf(const char*, int here) {
+    return here;
+}
+inline int lineOf(const Source& source, int here) {
+    return source.line != 0 ? source.line : here;
+}
+}  // namespace zel_detail
+
 // "<file>::<line>" of the current source position; __FILE__ is made
-// relative to the source tree by the build. The *_IN forms below name the
-// given `file` instead: rules written once for two modules name the module
-// they run for (with the line of the rule).
-#define ZEL_LOCATION_STREAM_IN(os, file) (os) << (file) << "::" << __LINE__
+// relative to the source tree by the build. The *_IN forms below take the
+// source instead: a file name (with the line of the check), or a
+// zel_detail::Source. Rules written once for two modules use the latter to
+// name the module they run for, at the line that called the rule.
+#define ZEL_LOCATION_STREAM_IN(os, source) \
+    (os) << ::zel_detail::fileOf(source) << "::" << ::zel_detail::lineOf(source, __LINE__)
 #define ZEL_LOCATION_STREAM(os) ZEL_LOCATION_STREAM_IN(os, __FILE__)
 
 // Logs one located error line "<file>::<line> -- <msg>"; `msg` is a stream

@@ -193,20 +193,20 @@ void readWindow(ZelModel* model, const Ins& ins, bool explicitForm, size_t first
 // its value, so the steps below may read them.
 bool CheckRules::operandsReadable(const Ins& ins, const Ins& outs, ZelModel* model, OperationType type) const {
     if (model == nullptr) {
-        ZEL_LOG_LOCATED_IN(mSource, "No model to check " << toString(type) << " against");
+        ZEL_LOG_LOCATED_IN(source(), "No model to check " << toString(type) << " against");
         return false;
     }
     for (size_t i = 0; i < ins.size(); ++i) {
         if (!model->isValidOperand(ins[i])) {
-            ZEL_LOG_LOCATED_IN(mSource, "Input " << i << " of " << toString(type) << " names operand " << ins[i]
-                                                 << ", which is outside the graph");
+            ZEL_LOG_LOCATED_IN(source(), "Input " << i << " of " << toString(type) << " names operand " << ins[i]
+                                                  << ", which is outside the graph");
             return false;
         }
     }
     for (size_t i = 0; i < outs.size(); ++i) {
         if (!model->isValidOperand(outs[i])) {
-            ZEL_LOG_LOCATED_IN(mSource, "Output " << i << " of " << toString(type) << " names operand " << outs[i]
-                                                  << ", which is outside the graph");
+            ZEL_LOG_LOCATED_IN(source(), "Output " << i << " of " << toString(type) << " names operand " << outs[i]
+                                                   << ", which is outside the graph");
             return false;
         }
     }
@@ -225,9 +225,9 @@ bool CheckRules::copyInt32Data(ZelModel* model, uint32_t index, OperationType ty
         count = d != 0 && count > UINT64_MAX / d ? UINT64_MAX : count * d;
     }
     if (operand.data == nullptr || count > operand.length / sizeof(int32_t)) {
-        ZEL_LOG_LOCATED_IN(mSource, toString(type)
-                                        << " requires operand " << index << " to hold " << count
-                                        << " int32 values of constant data (" << operand.length << " bytes)");
+        ZEL_LOG_LOCATED_IN(source(), toString(type)
+                                         << " requires operand " << index << " to hold " << count
+                                         << " int32 values of constant data (" << operand.length << " bytes)");
         return false;
     }
     values->resize(static_cast<size_t>(count));
@@ -243,7 +243,7 @@ bool CheckRules::activationFusable(ZelModel* model, uint32_t index) const {
     const zel_op_type_enum activation =
         getQuantizedActivationFunction(static_cast<ActivationFunc>(model->getScalar<int32_t>(index)));
     if (!quant8_asym_check::fusedActivationCheck(activation)) {
-        ZEL_LOG_LOCATED_IN(mSource, "Fused quantized activation " << toString(activation) << " is not supported");
+        ZEL_LOG_LOCATED_IN(source(), "Fused quantized activation " << toString(activation) << " is not supported");
         return false;
     }
     return true;
@@ -253,11 +253,11 @@ bool CheckRules::activationFusable(ZelModel* model, uint32_t index) const {
 // shared messages.
 bool CheckRules::storeShape(bool inferred, ZelModel* model, uint32_t out, const Shape& output) const {
     if (!inferred) {
-        ZEL_LOG_LOCATED_IN(mSource, "Error getting shape");
+        ZEL_LOG_LOCATED_IN(source(), "Error getting shape");
         return false;
     }
     if (!model->setShape(out, output)) {
-        ZEL_LOG_LOCATED_IN(mSource, "Error setting shape");
+        ZEL_LOG_LOCATED_IN(source(), "Error setting shape");
         return false;
     }
     return true;
@@ -276,38 +276,38 @@ struct CheckRules::SpaceBatch {
 bool CheckRules::readSpaceBatch(const Ins& ins, const Ins& outs, ZelModel* model, OperationType type, size_t inputCount,
                                 SpaceBatch* operands) const {
     if (ins.size() != inputCount) {
-        ZEL_LOG_LOCATED_IN(mSource, toString(type) << " operation requires " << inputCount << " input operand(s)!");
+        ZEL_LOG_LOCATED_IN(source(), toString(type) << " operation requires " << inputCount << " input operand(s)!");
         return false;
     }
     if (outs.size() != 1) {
-        ZEL_LOG_LOCATED_IN(mSource, toString(type) << " operation requires 1 output operand(s)!");
+        ZEL_LOG_LOCATED_IN(source(), toString(type) << " operation requires 1 output operand(s)!");
         return false;
     }
     if (!operandsReadable(ins, outs, model, type)) return false;
 
     operands->input = model->getShape(ins[0]);
     if (getNumberOfDimensions(operands->input) != 4) {
-        ZEL_LOG_LOCATED_IN(mSource, toString(type) << " operation requires input of rank = 4.");
+        ZEL_LOG_LOCATED_IN(source(), toString(type) << " operation requires input of rank = 4.");
         return false;
     }
     operands->blockShape = model->getShape(ins[1]);
     if (getNumberOfDimensions(operands->blockShape) != 1 || getSizeOfDimension(operands->blockShape, 0) != 2) {
-        ZEL_LOG_LOCATED_IN(mSource, toString(type) << " operation requires blocksize input of shape (" << 2 << ")");
+        ZEL_LOG_LOCATED_IN(source(), toString(type) << " operation requires blocksize input of shape (" << 2 << ")");
         return false;
     }
     std::vector<int32_t>& block = operands->block;
     if (!copyInt32Data(model, ins[1], type, &block)) return false;
     if (block[0] < 1 || block[1] < 1) {
-        ZEL_LOG_LOCATED_IN(mSource, toString(type) << " operation requires block sizes of at least 1, got " << block[0]
-                                                   << " and " << block[1]);
+        ZEL_LOG_LOCATED_IN(source(), toString(type) << " operation requires block sizes of at least 1, got " << block[0]
+                                                    << " and " << block[1]);
         return false;
     }
     return true;
 }
 
 bool CheckRules::elementWise(const Ins& ins, const Ins& outs, ZelModel* model, OperationType type) const {
-    ZEL_CHECK_EQ_IN(mSource, 3, ins.size(), false, "Need 3 inputs for " << toString(type));
-    ZEL_CHECK_EQ_IN(mSource, 1, outs.size(), false, "Need 1 output for " << toString(type));
+    ZEL_CHECK_EQ_IN(source(), 3, ins.size(), false, "Need 3 inputs for " << toString(type));
+    ZEL_CHECK_EQ_IN(source(), 1, outs.size(), false, "Need 1 output for " << toString(type));
     if (!operandsReadable(ins, outs, model, type)) return false;
 
     if (!activationFusable(model, ins[2])) return false;
@@ -318,11 +318,11 @@ bool CheckRules::elementWise(const Ins& ins, const Ins& outs, ZelModel* model, O
 bool CheckRules::pool(const Ins& ins, const Ins& outs, ZelModel* model, OperationType type) const {
     const bool explicitForm = ins.size() == 10;
     if (ins.size() != 7 && !explicitForm) {
-        ZEL_LOG_LOCATED_IN(mSource, "Need 7 or 10 inputs for " << toString(type));
+        ZEL_LOG_LOCATED_IN(source(), "Need 7 or 10 inputs for " << toString(type));
         return false;
     }
     // The output count is not a rule here; the first output is still needed.
-    ZEL_CHECK_LE_IN(mSource, 1, outs.size(), false, "Need at least 1 output for " << toString(type));
+    ZEL_CHECK_LE_IN(source(), 1, outs.size(), false, "Need at least 1 output for " << toString(type));
     if (!operandsReadable(ins, outs, model, type)) return false;
 
     const Shape input = model->getShape(ins[0]);
@@ -333,7 +333,7 @@ bool CheckRules::pool(const Ins& ins, const Ins& outs, ZelModel* model, Operatio
     window.filterH = model->getScalar<int32_t>(ins[filterAt + 1]);
     readWindow(model, ins, explicitForm, 1, input, &window);
     const padding_type_enum pad = window.padding;
-    ZEL_CHECK_NE_IN(mSource, pad, ZEL_NN_PAD_NA, false, "Unknown padding");
+    ZEL_CHECK_NE_IN(source(), pad, ZEL_NN_PAD_NA, false, "Unknown padding");
 
     if (!activationFusable(model, ins.back())) return false;
     Shape output = model->getShape(outs[0]);
@@ -345,8 +345,8 @@ bool CheckRules::pool(const Ins& ins, const Ins& outs, ZelModel* model, Operatio
 
 bool CheckRules::activation(const Ins& ins, const Ins& outs, ZelModel* model, uint32_t numInputs,
                             OperationType type) const {
-    ZEL_CHECK_EQ_IN(mSource, numInputs, ins.size(), false, "Need " << numInputs << " input for " << toString(type));
-    ZEL_CHECK_EQ_IN(mSource, 1, outs.size(), false, "Need 1 output for " << toString(type));
+    ZEL_CHECK_EQ_IN(source(), numInputs, ins.size(), false, "Need " << numInputs << " input for " << toString(type));
+    ZEL_CHECK_EQ_IN(source(), 1, outs.size(), false, "Need 1 output for " << toString(type));
     if (!operandsReadable(ins, outs, model, type)) return false;
 
     Shape output = model->getShape(outs[0]);
@@ -357,11 +357,11 @@ bool CheckRules::convolution(const Ins& ins, const Ins& outs, ZelModel* model, O
                              size_t implicitCount) const {
     const bool explicitForm = ins.size() == implicitCount + 3;
     if (ins.size() != implicitCount && !explicitForm) {
-        ZEL_LOG_LOCATED_IN(mSource,
+        ZEL_LOG_LOCATED_IN(source(),
                            "Need " << implicitCount << " or " << implicitCount + 3 << " inputs for " << toString(type));
         return false;
     }
-    ZEL_CHECK_EQ_IN(mSource, 1, outs.size(), false, "Need 1 output for " << toString(type));
+    ZEL_CHECK_EQ_IN(source(), 1, outs.size(), false, "Need 1 output for " << toString(type));
     if (!operandsReadable(ins, outs, model, type)) return false;
 
     const Shape input = model->getShape(ins[0]);
@@ -372,7 +372,7 @@ bool CheckRules::convolution(const Ins& ins, const Ins& outs, ZelModel* model, O
     window.filterH = static_cast<int32_t>(getSizeOfDimension(filter, 1));
     readWindow(model, ins, explicitForm, 3, input, &window);
     const padding_type_enum pad = window.padding;
-    ZEL_CHECK_NE_IN(mSource, pad, ZEL_NN_PAD_NA, false, "Unknown padding");
+    ZEL_CHECK_NE_IN(source(), pad, ZEL_NN_PAD_NA, false, "Unknown padding");
 
     // The activation is the last input in both forms.
     if (!activationFusable(model, ins.back())) return false;
@@ -386,7 +386,7 @@ bool CheckRules::convolution(const Ins& ins, const Ins& outs, ZelModel* model, O
                                    window.padBottom, window.strideW, window.strideH, &output);
     if (!storeShape(inferred, model, outs[0], output)) return false;
     if (!model->isConstant(ins[1])) {
-        ZEL_LOG_LOCATED_IN(mSource, toString(type) << " requires filter to be constant data");
+        ZEL_LOG_LOCATED_IN(source(), toString(type) << " requires filter to be constant data");
         return false;
     }
     return true;
@@ -394,8 +394,8 @@ bool CheckRules::convolution(const Ins& ins, const Ins& outs, ZelModel* model, O
 
 bool CheckRules::fullyConnected(const Ins& ins, const Ins& outs, ZelModel* model) const {
     const OperationType type = OperationType::FULLY_CONNECTED;
-    ZEL_CHECK_EQ_IN(mSource, 4, ins.size(), false, "Need 4 inputs for " << toString(type));
-    ZEL_CHECK_EQ_IN(mSource, 1, outs.size(), false, "Need 1 output for " << toString(type));
+    ZEL_CHECK_EQ_IN(source(), 4, ins.size(), false, "Need 4 inputs for " << toString(type));
+    ZEL_CHECK_EQ_IN(source(), 1, outs.size(), false, "Need 1 output for " << toString(type));
     if (!operandsReadable(ins, outs, model, type)) return false;
 
     if (!activationFusable(model, ins[3])) return false;
@@ -404,7 +404,7 @@ bool CheckRules::fullyConnected(const Ins& ins, const Ins& outs, ZelModel* model
         fullyConnectedPrepare(model->getShape(ins[0]), model->getShape(ins[1]), model->getShape(ins[2]), &output);
     if (!storeShape(inferred, model, outs[0], output)) return false;
     if (!model->isConstant(ins[1])) {
-        ZEL_LOG_LOCATED_IN(mSource, toString(type) << " requires weight to be constant data");
+        ZEL_LOG_LOCATED_IN(source(), toString(type) << " requires weight to be constant data");
         return false;
     }
     return true;
@@ -412,15 +412,15 @@ bool CheckRules::fullyConnected(const Ins& ins, const Ins& outs, ZelModel* model
 
 bool CheckRules::concatenation(const Ins& ins, const Ins& outs, ZelModel* model) const {
     const OperationType type = OperationType::CONCATENATION;
-    ZEL_CHECK_LE_IN(mSource, 3, ins.size(), false, "Need at least 3 inputs for " << toString(type));
-    ZEL_CHECK_EQ_IN(mSource, 1, outs.size(), false, "Need 1 output for " << toString(type));
+    ZEL_CHECK_LE_IN(source(), 3, ins.size(), false, "Need at least 3 inputs for " << toString(type));
+    ZEL_CHECK_EQ_IN(source(), 1, outs.size(), false, "Need 1 output for " << toString(type));
     if (!operandsReadable(ins, outs, model, type)) return false;
 
     // The runtime concatenates quantized tensors on the channel axis only;
     // float graphs take any axis that shape inference accepts.
     const int32_t axis = model->getScalar<int32_t>(ins.back());
     if (mQuantized) {
-        ZEL_CHECK_EQ_IN(mSource, axis, 3, false, "Concatenation only supports channel dimension.");
+        ZEL_CHECK_EQ_IN(source(), axis, 3, false, "Concatenation only supports channel dimension.");
     }
 
     std::vector<Shape> shapes;
@@ -431,12 +431,12 @@ bool CheckRules::concatenation(const Ins& ins, const Ins& outs, ZelModel* model)
 
 bool CheckRules::reshape(const Ins& ins, const Ins& outs, ZelModel* model) const {
     const OperationType type = OperationType::RESHAPE;
-    ZEL_CHECK_EQ_IN(mSource, 2, ins.size(), false, "Need 2 inputs for " << toString(type));
-    ZEL_CHECK_EQ_IN(mSource, 1, outs.size(), false, "Need 1 output for " << toString(type));
+    ZEL_CHECK_EQ_IN(source(), 2, ins.size(), false, "Need 2 inputs for " << toString(type));
+    ZEL_CHECK_EQ_IN(source(), 1, outs.size(), false, "Need 1 output for " << toString(type));
     if (!operandsReadable(ins, outs, model, type)) return false;
 
     if (model->getPointer(ins[1]) == nullptr) {
-        ZEL_LOG_LOCATED_IN(mSource, "pointer value is currently nullptr");
+        ZEL_LOG_LOCATED_IN(source(), "pointer value is currently nullptr");
         return false;
     }
     const uint32_t count = getNumberOfElements(model->getShape(ins[1]));
@@ -450,8 +450,8 @@ bool CheckRules::reshape(const Ins& ins, const Ins& outs, ZelModel* model) const
 
 bool CheckRules::resizeBilinear(const Ins& ins, const Ins& outs, ZelModel* model) const {
     const OperationType type = OperationType::RESIZE_BILINEAR;
-    ZEL_CHECK_EQ_IN(mSource, 3, ins.size(), false, "Need 3 inputs for " << toString(type));
-    ZEL_CHECK_EQ_IN(mSource, 1, outs.size(), false, "Need 1 output for " << toString(type));
+    ZEL_CHECK_EQ_IN(source(), 3, ins.size(), false, "Need 3 inputs for " << toString(type));
+    ZEL_CHECK_EQ_IN(source(), 1, outs.size(), false, "Need 1 output for " << toString(type));
     if (!operandsReadable(ins, outs, model, type)) return false;
 
     const int32_t width = model->getScalar<int32_t>(ins[1]);
@@ -462,8 +462,8 @@ bool CheckRules::resizeBilinear(const Ins& ins, const Ins& outs, ZelModel* model
 
 bool CheckRules::dequantize(const Ins& ins, const Ins& outs, ZelModel* model) const {
     const OperationType type = OperationType::DEQUANTIZE;
-    ZEL_CHECK_EQ_IN(mSource, 1, ins.size(), false, "Need 1 input for " << toString(type));
-    ZEL_CHECK_EQ_IN(mSource, 1, outs.size(), false, "Need 1 output for " << toString(type));
+    ZEL_CHECK_EQ_IN(source(), 1, ins.size(), false, "Need 1 input for " << toString(type));
+    ZEL_CHECK_EQ_IN(source(), 1, outs.size(), false, "Need 1 output for " << toString(type));
     if (!operandsReadable(ins, outs, model, type)) return false;
 
     Shape output = model->getShape(outs[0]);
@@ -472,8 +472,8 @@ bool CheckRules::dequantize(const Ins& ins, const Ins& outs, ZelModel* model) co
 
 bool CheckRules::localResponseNormalization(const Ins& ins, const Ins& outs, ZelModel* model) const {
     const OperationType type = OperationType::LOCAL_RESPONSE_NORMALIZATION;
-    ZEL_CHECK_EQ_IN(mSource, 5, ins.size(), false, "Need 5 inputs for " << toString(type));
-    ZEL_CHECK_EQ_IN(mSource, 1, outs.size(), false, "Need 1 output for " << toString(type));
+    ZEL_CHECK_EQ_IN(source(), 5, ins.size(), false, "Need 5 inputs for " << toString(type));
+    ZEL_CHECK_EQ_IN(source(), 1, outs.size(), false, "Need 1 output for " << toString(type));
     if (!operandsReadable(ins, outs, model, type)) return false;
 
     Shape output = model->getShape(outs[0]);
@@ -483,16 +483,16 @@ bool CheckRules::localResponseNormalization(const Ins& ins, const Ins& outs, Zel
 bool CheckRules::squeeze(const Ins& ins, const Ins& outs, ZelModel* model) const {
     const OperationType type = OperationType::SQUEEZE;
     if (ins.size() != 1 && ins.size() != 2) {
-        ZEL_LOG_LOCATED_IN(mSource, "Need 1 or 2 inputs for operation " << toString(type));
+        ZEL_LOG_LOCATED_IN(source(), "Need 1 or 2 inputs for operation " << toString(type));
         return false;
     }
-    ZEL_CHECK_EQ_IN(mSource, 1, outs.size(), false, "Need 1 output for " << toString(type));
+    ZEL_CHECK_EQ_IN(source(), 1, outs.size(), false, "Need 1 output for " << toString(type));
     if (!operandsReadable(ins, outs, model, type)) return false;
 
     const Shape input = model->getShape(ins[0]);
     const uint32_t rank = getNumberOfDimensions(input);
     if (rank > 4) {
-        ZEL_LOG_LOCATED_IN(mSource, "Input operand rank must be at most 4D");
+        ZEL_LOG_LOCATED_IN(source(), "Input operand rank must be at most 4D");
         return false;
     }
     // Without a (constant) list every dimension of size 1 is squeezed.
@@ -503,19 +503,19 @@ bool CheckRules::squeeze(const Ins& ins, const Ins& outs, ZelModel* model) const
     if (ins.size() == 2 && model->getPointer(ins[1]) != nullptr) {
         dimsShape = model->getShape(ins[1]);
         if (getNumberOfDimensions(dimsShape) != 1) {
-            ZEL_LOG_LOCATED_IN(mSource, "Invalid squeeze index tensor rank. Expected rank 1 but got "
-                                            << getNumberOfDimensions(dimsShape));
+            ZEL_LOG_LOCATED_IN(source(), "Invalid squeeze index tensor rank. Expected rank 1 but got "
+                                             << getNumberOfDimensions(dimsShape));
             return false;
         }
         if (getSizeOfDimension(dimsShape, 0) > rank) {
-            ZEL_LOG_LOCATED_IN(mSource, "Invalid squeeze tensor input. Size larger than input size");
+            ZEL_LOG_LOCATED_IN(source(), "Invalid squeeze tensor input. Size larger than input size");
             return false;
         }
         if (!copyInt32Data(model, ins[1], type, &dims)) return false;
         for (int32_t dim : dims) {
             const int64_t current = dim < 0 ? static_cast<int64_t>(dim) + rank : dim;
             if (current < 0 || current >= rank || getSizeOfDimension(input, static_cast<uint32_t>(current)) != 1) {
-                ZEL_LOG_LOCATED_IN(mSource, "Attempt to squeeze non squeezable dimension: " << dim);
+                ZEL_LOG_LOCATED_IN(source(), "Attempt to squeeze non squeezable dimension: " << dim);
                 return false;
             }
         }
@@ -526,20 +526,20 @@ bool CheckRules::squeeze(const Ins& ins, const Ins& outs, ZelModel* model) const
 
 bool CheckRules::pad(const Ins& ins, const Ins& outs, ZelModel* model) const {
     const OperationType type = OperationType::PAD;
-    ZEL_CHECK_EQ_IN(mSource, 2, ins.size(), false, "Need 2 inputs for " << toString(type));
-    ZEL_CHECK_EQ_IN(mSource, 1, outs.size(), false, "Need 1 output for " << toString(type));
+    ZEL_CHECK_EQ_IN(source(), 2, ins.size(), false, "Need 2 inputs for " << toString(type));
+    ZEL_CHECK_EQ_IN(source(), 1, outs.size(), false, "Need 1 output for " << toString(type));
     if (!operandsReadable(ins, outs, model, type)) return false;
 
     const Shape input = model->getShape(ins[0]);
     const uint32_t rank = getNumberOfDimensions(input);
     if (rank > 4) {
-        ZEL_LOG_LOCATED_IN(mSource, toString(type) << " operation requires input of rank <= 4.");
+        ZEL_LOG_LOCATED_IN(source(), toString(type) << " operation requires input of rank <= 4.");
         return false;
     }
     const Shape paddings = model->getShape(ins[1]);
     if (getNumberOfDimensions(paddings) != 2 || getSizeOfDimension(paddings, 0) != rank ||
         getSizeOfDimension(paddings, 1) != 2) {
-        ZEL_LOG_LOCATED_IN(mSource, toString(type) << " operation requires padding input of shape (" << rank << ",2)");
+        ZEL_LOG_LOCATED_IN(source(), toString(type) << " operation requires padding input of shape (" << rank << ",2)");
         return false;
     }
     std::vector<int32_t> values;
@@ -548,20 +548,20 @@ bool CheckRules::pad(const Ins& ins, const Ins& outs, ZelModel* model) const {
     const Shape declared = model->getShape(outs[0]);
     Shape output = declared;
     if (!padPrepare(input, values.data(), paddings, &output)) {
-        ZEL_LOG_LOCATED_IN(mSource, "Error getting shape");
+        ZEL_LOG_LOCATED_IN(source(), "Error getting shape");
         return false;
     }
     // A declared output (rank 0 or a 0 dimension: not yet known) must agree.
     if (!declared.dimensions.empty()) {
         if (declared.dimensions.size() != rank) {
-            ZEL_LOG_LOCATED_IN(mSource, toString(type) << " Input and output ranks miss match.");
+            ZEL_LOG_LOCATED_IN(source(), toString(type) << " Input and output ranks miss match.");
             return false;
         }
         for (size_t i = 0; i < rank && i < output.dimensions.size(); ++i) {
             if (declared.dimensions[i] != 0 && declared.dimensions[i] != output.dimensions[i]) {
-                ZEL_LOG_LOCATED_IN(mSource, toString(type)
-                                                << " Output shape at dimension (" << i << ") miss match! Expected "
-                                                << output.dimensions[i] << ", actual " << declared.dimensions[i]);
+                ZEL_LOG_LOCATED_IN(source(), toString(type)
+                                                 << " Output shape at dimension (" << i << ") miss match! Expected "
+                                                 << output.dimensions[i] << ", actual " << declared.dimensions[i]);
                 return false;
             }
         }
@@ -571,28 +571,28 @@ bool CheckRules::pad(const Ins& ins, const Ins& outs, ZelModel* model) const {
 
 bool CheckRules::transpose(const Ins& ins, const Ins& outs, ZelModel* model) const {
     const OperationType type = OperationType::TRANSPOSE;
-    ZEL_CHECK_EQ_IN(mSource, 2, ins.size(), false, "Need 2 inputs for " << toString(type));
-    ZEL_CHECK_EQ_IN(mSource, 1, outs.size(), false, "Need 1 output for " << toString(type));
+    ZEL_CHECK_EQ_IN(source(), 2, ins.size(), false, "Need 2 inputs for " << toString(type));
+    ZEL_CHECK_EQ_IN(source(), 1, outs.size(), false, "Need 1 output for " << toString(type));
     if (!operandsReadable(ins, outs, model, type)) return false;
 
     if (mQuantized && (!model->isConstant(ins[1]) || model->getPointer(ins[1]) == nullptr)) {
-        ZEL_LOG_LOCATED_IN(mSource, "Transpose requires transpose indexes to be constant");
+        ZEL_LOG_LOCATED_IN(source(), "Transpose requires transpose indexes to be constant");
         return false;
     }
     const Shape input = model->getShape(ins[0]);
     const Shape perm = model->getShape(ins[1]);
     const uint32_t rank = getNumberOfDimensions(input);
     if (getNumberOfDimensions(perm) != 1) {
-        ZEL_LOG_LOCATED_IN(mSource, "Transpose tensor must be 1D!");
+        ZEL_LOG_LOCATED_IN(source(), "Transpose tensor must be 1D!");
         return false;
     }
     if (getSizeOfDimension(perm, 0) != rank) {
-        ZEL_LOG_LOCATED_IN(mSource, "Transpose tensor must define index for every input dimension.");
+        ZEL_LOG_LOCATED_IN(source(), "Transpose tensor must define index for every input dimension.");
         return false;
     }
     const Shape declared = model->getShape(outs[0]);
     if (getNumberOfDimensions(declared) != rank) {
-        ZEL_LOG_LOCATED_IN(mSource, "Input and output tensors rank must match.");
+        ZEL_LOG_LOCATED_IN(source(), "Input and output tensors rank must match.");
         return false;
     }
     // Float graphs may feed the indexes at run time: then only the ranks
@@ -603,13 +603,13 @@ bool CheckRules::transpose(const Ins& ins, const Ins& outs, ZelModel* model) con
     Shape output = declared;
     // Refuses indexes outside the input's rank before they are used below.
     if (!transposePrepare(input, values.data(), perm, &output)) {
-        ZEL_LOG_LOCATED_IN(mSource, "Error getting shape");
+        ZEL_LOG_LOCATED_IN(source(), "Error getting shape");
         return false;
     }
     for (uint32_t i = 0; i < rank && i < values.size(); ++i) {
         const uint32_t expected = getSizeOfDimension(input, static_cast<uint32_t>(values[i]));
         if (declared.dimensions[i] != 0 && declared.dimensions[i] != expected) {
-            ZEL_LOG_LOCATED_IN(mSource,
+            ZEL_LOG_LOCATED_IN(source(),
                                "Output dimension at index " << i << "does not match input dimension " << values[i]);
             return false;
         }
@@ -619,8 +619,8 @@ bool CheckRules::transpose(const Ins& ins, const Ins& outs, ZelModel* model) con
 
 bool CheckRules::spaceToDepth(const Ins& ins, const Ins& outs, ZelModel* model) const {
     const OperationType type = OperationType::SPACE_TO_DEPTH;
-    ZEL_CHECK_EQ_IN(mSource, 2, ins.size(), false, "Need 2 inputs for " << toString(type));
-    ZEL_CHECK_EQ_IN(mSource, 1, outs.size(), false, "Need 1 output for " << toString(type));
+    ZEL_CHECK_EQ_IN(source(), 2, ins.size(), false, "Need 2 inputs for " << toString(type));
+    ZEL_CHECK_EQ_IN(source(), 1, outs.size(), false, "Need 1 output for " << toString(type));
     if (!operandsReadable(ins, outs, model, type)) return false;
 
     const int32_t blockSize = model->getScalar<int32_t>(ins[1]);
@@ -644,7 +644,7 @@ bool CheckRules::spaceToBatch(const Ins& ins, const Ins& outs, ZelModel* model) 
     const Shape paddingShape = model->getShape(ins[2]);
     if (getNumberOfDimensions(paddingShape) != 2 || getSizeOfDimension(paddingShape, 0) != 2 ||
         getSizeOfDimension(paddingShape, 1) != 2) {
-        ZEL_LOG_LOCATED_IN(mSource, toString(type) << " operation requires padding input of shape (" << 2 << ",2)");
+        ZEL_LOG_LOCATED_IN(source(), toString(type) << " operation requires padding input of shape (" << 2 << ",2)");
         return false;
     }
     std::vector<int32_t> paddings;
@@ -657,28 +657,28 @@ bool CheckRules::spaceToBatch(const Ins& ins, const Ins& outs, ZelModel* model) 
 }
 
 bool CheckRules::oemLstm(const Ins& ins, const Ins& outs, ZelModel* model) const {
-    ZEL_CHECK_EQ_IN(mSource, 6, ins.size(), false, "Need 6 inputs for OEM LSTM");
-    ZEL_CHECK_EQ_IN(mSource, 4, outs.size(), false, "Need 4 outputs for OEM LSTM");
+    ZEL_CHECK_EQ_IN(source(), 6, ins.size(), false, "Need 6 inputs for OEM LSTM");
+    ZEL_CHECK_EQ_IN(source(), 4, outs.size(), false, "Need 4 outputs for OEM LSTM");
     if (!operandsReadable(ins, outs, model, OperationType::OEM_LSTM)) return false;
 
     // The runtime node takes the weights (ins[3]) and bias (ins[4]) as constants.
     if (!model->isConstant(ins[3])) {
-        ZEL_LOG_LOCATED_IN(mSource, "OEM LSTM requires weight to be constant data");
+        ZEL_LOG_LOCATED_IN(source(), "OEM LSTM requires weight to be constant data");
         return false;
     }
     if (!model->isConstant(ins[4])) {
-        ZEL_LOG_LOCATED_IN(mSource, "OEM LSTM requires bias to be constant data");
+        ZEL_LOG_LOCATED_IN(source(), "OEM LSTM requires bias to be constant data");
         return false;
     }
     return true;
 }
 
 bool CheckRules::oemSplit(const Ins& ins, const Ins& outs, ZelModel* model) const {
-    ZEL_CHECK_EQ_IN(mSource, 4, ins.size(), false, "Need 4 inputs for OEM Split");
+    ZEL_CHECK_EQ_IN(source(), 4, ins.size(), false, "Need 4 inputs for OEM Split");
     if (!operandsReadable(ins, outs, model, OperationType::OEM_SPLIT)) return false;
 
     // ins[2] holds the number of parts; one output per part.
-    ZEL_CHECK_EQ_IN(mSource, (size_t)model->getScalar<int32_t>(ins[2]), outs.size(), false,
+    ZEL_CHECK_EQ_IN(source(), (size_t)model->getScalar<int32_t>(ins[2]), outs.size(), false,
                     "Number of outputs is incorrect");
     return true;
 }

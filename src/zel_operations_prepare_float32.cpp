@@ -32,7 +32,7 @@ constexpr Steps kFloat32Steps(__FILE__);
 
 // add, sub, mul: [in0, in1] into the fused chain without a bias.
 bool elementWise(const Ins& ins, const Ins& outs, ZelModel* model, zel_op_type_enum op, const std::string& name) {
-    if (!kFloat32Steps.checkNamed(model, ins, ins.size() == 3, "3 inputs", outs, name)) return false;
+    if (!kFloat32Steps.at(__LINE__).checkNamed(model, ins, ins.size() == 3, "3 inputs", outs, name)) return false;
     const input in0 = model->getTensor(ins[0]);
     const input in1 = model->getTensor(ins[1]);
     const zel_op_type_enum activation = model->getFloatActivation(ins[2]);
@@ -41,15 +41,16 @@ bool elementWise(const Ins& ins, const Ins& outs, ZelModel* model, zel_op_type_e
 
 // Pools: [in, window, stride] followed by the fused activation.
 bool pool(const Ins& ins, const Ins& outs, ZelModel* model, zel_op_type_enum op, const std::string& name) {
-    if (!kFloat32Steps.checkNamed(model, ins, ins.size() == 7 || ins.size() == 10, "7 or 10 inputs", outs, name)) {
+    if (!kFloat32Steps.at(__LINE__).checkNamed(model, ins, ins.size() == 7 || ins.size() == 10, "7 or 10 inputs", outs,
+                                               name)) {
         return false;
     }
     const bool explicitForm = ins.size() == 10;
     const input in = model->getTensor(ins[0]);
     Window w;
-    if (!kFloat32Steps.parseWindow(model, ins, explicitForm, 1, true, &w)) return false;
+    if (!kFloat32Steps.at(__LINE__).parseWindow(model, ins, explicitForm, 1, true, &w)) return false;
     const zel_op_type_enum activation = model->getFloatActivation(ins[explicitForm ? 9 : 6]);
-    if (!kFloat32Steps.knownPadding(w.padding)) return false;
+    if (!kFloat32Steps.at(__LINE__).knownPadding(w.padding)) return false;
     const input window =
         model->createShape(1, static_cast<uint32_t>(w.filterHeight), static_cast<uint32_t>(w.filterWidth), 1);
     const input stride = strideShape(model, w);
@@ -59,7 +60,7 @@ bool pool(const Ins& ins, const Ins& outs, ZelModel* model, zel_op_type_enum op,
 // One input, one standalone node [in, extra...].
 bool unary(const Ins& ins, const Ins& outs, ZelModel* model, zel_op_type_enum op, const std::string& name,
            const std::vector<float>& bounds) {
-    if (!kFloat32Steps.checkNamed(model, ins, ins.size() == 1, "1 input", outs, name)) return false;
+    if (!kFloat32Steps.at(__LINE__).checkNamed(model, ins, ins.size() == 1, "1 input", outs, name)) return false;
     Inputs inputs = {model->getTensor(ins[0])};
     for (float bound : bounds) inputs.push_back(floatConstant(model, bound));
     return model->addBasicOperation(op, 0, inputs, outs);
@@ -67,7 +68,7 @@ bool unary(const Ins& ins, const Ins& outs, ZelModel* model, zel_op_type_enum op
 
 // Two inputs, both host operands: [in, ins[1]].
 bool withOperand(const Ins& ins, const Ins& outs, ZelModel* model, zel_op_type_enum op, const std::string& name) {
-    if (!kFloat32Steps.checkNamed(model, ins, ins.size() == 2, "2 inputs", outs, name)) return false;
+    if (!kFloat32Steps.at(__LINE__).checkNamed(model, ins, ins.size() == 2, "2 inputs", outs, name)) return false;
     const input in = model->getTensor(ins[0]);
     const input second = model->getTensor(ins[1]);
     return model->addBasicOperation(op, 0, {in, second}, outs);
@@ -104,8 +105,8 @@ bool max_pool_2d(const Ins& ins, const Ins& outs, ZelModel* model) {
 // Host order: input, filter, bias, then padding code, stride w/h,
 // activation (7) or paddings l/r/t/b, stride w/h, activation (10).
 bool conv_2d(const Ins& ins, const Ins& outs, ZelModel* model) {
-    if (!kFloat32Steps.checkNamed(model, ins, ins.size() == 7 || ins.size() == 10, "7 or 10 inputs", outs,
-                                  "float32::conv_2d")) {
+    if (!kFloat32Steps.at(__LINE__).checkNamed(model, ins, ins.size() == 7 || ins.size() == 10, "7 or 10 inputs", outs,
+                                               "float32::conv_2d")) {
         return false;
     }
     const bool explicitForm = ins.size() == 10;
@@ -113,9 +114,9 @@ bool conv_2d(const Ins& ins, const Ins& outs, ZelModel* model) {
     const input filter = model->createConvFilterTensor(ins[1]);
     const input bias = model->getTensor(ins[2]);
     Window w;
-    if (!kFloat32Steps.parseWindow(model, ins, explicitForm, 3, false, &w)) return false;
+    if (!kFloat32Steps.at(__LINE__).parseWindow(model, ins, explicitForm, 3, false, &w)) return false;
     const zel_op_type_enum activation = model->getFloatActivation(ins[explicitForm ? 9 : 6]);
-    if (!kFloat32Steps.knownPadding(w.padding)) return false;
+    if (!kFloat32Steps.at(__LINE__).knownPadding(w.padding)) return false;
     const input stride = strideShape(model, w);
     return model->addFusedFloatOperation(ZEL_OP_FloatConv2d, w.padding, bias, activation, {in, filter, stride}, outs);
 }
@@ -123,18 +124,18 @@ bool conv_2d(const Ins& ins, const Ins& outs, ZelModel* model) {
 // As conv_2d with the depth multiplier (ins[6] or ins[9]) before the
 // activation (ins[7] or ins[10]).
 bool depthwise_conv_2d(const Ins& ins, const Ins& outs, ZelModel* model) {
-    if (!kFloat32Steps.checkNamed(model, ins, ins.size() == 8 || ins.size() == 11, "8 or 11 inputs", outs,
-                                  "float32::depthwise_conv_2d")) {
+    if (!kFloat32Steps.at(__LINE__).checkNamed(model, ins, ins.size() == 8 || ins.size() == 11, "8 or 11 inputs", outs,
+                                               "float32::depthwise_conv_2d")) {
         return false;
     }
     const bool explicitForm = ins.size() == 11;
     const input in = model->getTensor(ins[0]);
     const input bias = model->getTensor(ins[2]);
     Window w;
-    if (!kFloat32Steps.parseWindow(model, ins, explicitForm, 3, false, &w)) return false;
+    if (!kFloat32Steps.at(__LINE__).parseWindow(model, ins, explicitForm, 3, false, &w)) return false;
     const uint32_t multiplier = static_cast<uint32_t>(scalar(model, ins[explicitForm ? 9 : 6]));
     const zel_op_type_enum activation = model->getFloatActivation(ins[explicitForm ? 10 : 7]);
-    if (!kFloat32Steps.knownPadding(w.padding)) return false;
+    if (!kFloat32Steps.at(__LINE__).knownPadding(w.padding)) return false;
     const input filter = model->createDepthwiseFilterTensor(ins[1], multiplier);
     const input stride = strideShape(model, w);
     return model->addFusedFloatOperation(ZEL_OP_FloatDepthwiseConv2d, w.padding, bias, activation, {in, filter, stride},
@@ -143,7 +144,8 @@ bool depthwise_conv_2d(const Ins& ins, const Ins& outs, ZelModel* model) {
 
 // Host order: input, weights [units, inputSize], bias, activation.
 bool fully_connected(const Ins& ins, const Ins& outs, ZelModel* model) {
-    if (!kFloat32Steps.checkNamed(model, ins, ins.size() == 4, "4 inputs", outs, "float32::fully_connected")) {
+    if (!kFloat32Steps.at(__LINE__).checkNamed(model, ins, ins.size() == 4, "4 inputs", outs,
+                                               "float32::fully_connected")) {
         return false;
     }
     const input in = model->getTensor(ins[0]);
@@ -156,7 +158,8 @@ bool fully_connected(const Ins& ins, const Ins& outs, ZelModel* model) {
 // Node: [axis, in0 .. inN-1]; the axis (last host input) is counted in the
 // runtime's four dimensions.
 bool concatenation(const Ins& ins, const Ins& outs, ZelModel* model) {
-    if (!kFloat32Steps.checkNamed(model, ins, ins.size() >= 3, "at least 3 inputs", outs, "float32::concatenation")) {
+    if (!kFloat32Steps.at(__LINE__).checkNamed(model, ins, ins.size() >= 3, "at least 3 inputs", outs,
+                                               "float32::concatenation")) {
         return false;
     }
     const size_t count = ins.size() - 1;
@@ -170,8 +173,8 @@ bool concatenation(const Ins& ins, const Ins& outs, ZelModel* model) {
 // Host order: input, radius, bias, alpha, beta. Node: [in, window
 // 1x1x1x(2*radius+1), bias, alpha, beta].
 bool local_response_normalization(const Ins& ins, const Ins& outs, ZelModel* model) {
-    if (!kFloat32Steps.checkNamed(model, ins, ins.size() == 5, "5 inputs", outs,
-                                  "float32::local_response_normalization")) {
+    if (!kFloat32Steps.at(__LINE__).checkNamed(model, ins, ins.size() == 5, "5 inputs", outs,
+                                               "float32::local_response_normalization")) {
         return false;
     }
     const input in = model->getTensor(ins[0]);
@@ -215,7 +218,8 @@ bool reshape(const Ins& ins, const Ins& outs, ZelModel* model) {
 
 // A reshape to the output's dimensions, given as a 1x1x1xN int32 constant.
 bool squeeze(const Ins& ins, const Ins& outs, ZelModel* model) {
-    if (!kFloat32Steps.checkNamed(model, ins, ins.size() == 2, "2 inputs", outs, toString(OperationType::SQUEEZE))) {
+    if (!kFloat32Steps.at(__LINE__).checkNamed(model, ins, ins.size() == 2, "2 inputs", outs,
+                                               toString(OperationType::SQUEEZE))) {
         return false;
     }
     const input in = model->getTensor(ins[0]);
@@ -235,7 +239,8 @@ bool transpose(const Ins& ins, const Ins& outs, ZelModel* model) {
 
 // Host order: input, new width, new height. Node: [in, size {h, w}].
 bool resize_bilinear(const Ins& ins, const Ins& outs, ZelModel* model) {
-    if (!kFloat32Steps.checkNamed(model, ins, ins.size() == 3, "3 inputs", outs, "float32::resize_bilinear")) {
+    if (!kFloat32Steps.at(__LINE__).checkNamed(model, ins, ins.size() == 3, "3 inputs", outs,
+                                               "float32::resize_bilinear")) {
         return false;
     }
     const input in = model->getTensor(ins[0]);
@@ -247,7 +252,8 @@ bool resize_bilinear(const Ins& ins, const Ins& outs, ZelModel* model) {
 
 // Node: [in, block shape, crops]; the crops are all zero, 1x1x(rank-2)x2.
 bool batch_to_space_nd(const Ins& ins, const Ins& outs, ZelModel* model) {
-    if (!kFloat32Steps.checkNamed(model, ins, ins.size() == 2, "2 inputs", outs, "float32::batch_to_space_nd")) {
+    if (!kFloat32Steps.at(__LINE__).checkNamed(model, ins, ins.size() == 2, "2 inputs", outs,
+                                               "float32::batch_to_space_nd")) {
         return false;
     }
     const size_t rank = model->getShape(ins[0]).dimensions.size();
@@ -264,7 +270,8 @@ bool batch_to_space_nd(const Ins& ins, const Ins& outs, ZelModel* model) {
 
 // Node: [in, block shape, paddings].
 bool space_to_batch_nd(const Ins& ins, const Ins& outs, ZelModel* model) {
-    if (!kFloat32Steps.checkNamed(model, ins, ins.size() == 3, "3 inputs", outs, "float32::space_to_batch_nd")) {
+    if (!kFloat32Steps.at(__LINE__).checkNamed(model, ins, ins.size() == 3, "3 inputs", outs,
+                                               "float32::space_to_batch_nd")) {
         return false;
     }
     const input in = model->getTensor(ins[0]);

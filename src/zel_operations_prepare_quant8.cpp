@@ -60,16 +60,16 @@ input strideShape(ZelModel* model, const Window& w) {
 bool Steps::checkFrame(ZelModel* model, const Ins& ins, bool inputsOk, const std::string& inputsText, const Ins& outs,
                        uint32_t outputsNeeded, const std::string& outputsText) const {
     if (!inputsOk) {
-        ZEL_LOG_LOCATED_IN(mSource, inputsText);
+        ZEL_LOG_LOCATED_IN(source(), inputsText);
         return false;
     }
     if (outs.size() != outputsNeeded) {
-        ZEL_LOG_LOCATED_IN(mSource, "failed " << outputsNeeded << " == outs.size() (" << outs.size()
-                                              << " == " << outputsNeeded << "): " << outputsText);
+        ZEL_LOG_LOCATED_IN(source(), "failed " << outputsNeeded << " == outs.size() (" << outs.size()
+                                               << " == " << outputsNeeded << "): " << outputsText);
         return false;
     }
     if (model == nullptr) {
-        ZEL_LOG_LOCATED_IN(mSource, "No model to lower into");
+        ZEL_LOG_LOCATED_IN(source(), "No model to lower into");
         return false;
     }
     // Malformed graphs: indices outside the graph and scalars without data
@@ -102,7 +102,7 @@ bool Steps::parseWindow(ZelModel* model, const Ins& ins, bool explicitForm, uint
     w->strideHeight = scalar(model, ins[at + 5]);
     const Shape inShape = model->getShape(ins[0]);
     if (inShape.dimensions.size() != 4) {
-        ZEL_LOG_LOCATED_IN(mSource, "Explicit padding needs a 4-D input, got rank " << inShape.dimensions.size());
+        ZEL_LOG_LOCATED_IN(source(), "Explicit padding needs a 4-D input, got rank " << inShape.dimensions.size());
         return false;
     }
     if (poolWindow) {
@@ -111,7 +111,7 @@ bool Steps::parseWindow(ZelModel* model, const Ins& ins, bool explicitForm, uint
     } else {
         const Shape filterShape = model->getShape(ins[1]);
         if (filterShape.dimensions.size() != 4) {
-            ZEL_LOG_LOCATED_IN(mSource,
+            ZEL_LOG_LOCATED_IN(source(),
                                "Explicit padding needs a 4-D filter, got rank " << filterShape.dimensions.size());
             return false;
         }
@@ -124,7 +124,7 @@ bool Steps::parseWindow(ZelModel* model, const Ins& ins, bool explicitForm, uint
 }
 
 bool Steps::knownPadding(padding_type_enum pad) const {
-    ZEL_CHECK_NE_IN(mSource, pad, ZEL_NN_PAD_NA, false, "Unknown padding");
+    ZEL_CHECK_NE_IN(source(), pad, ZEL_NN_PAD_NA, false, "Unknown padding");
     return true;
 }
 

@@ -7,8 +7,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <fstream>
 #include <functional>
 #include <map>
+#include <string>
 
 #include "check_graph.h"
 #include "zel_operations_check_float32.h"
@@ -303,6 +305,29 @@ std::vector<RuleCase> ruleCases() {
     return cases;
 }
 
+// Line `number` of a source file of the tree, "" when there is none.
+std::string sourceLine(const std::string& file, unsigned long number) {
+    std::ifstream in(std::string(ZEL_SOURCE_DIR) + "/" + file);
+    std::string line;
+    for (unsigned long i = 0; i < number && std::getline(in, line); ++i) {
+        if (i + 1 == number) return line;
+    }
+    return "";
+}
+
+// A located line names a line of its file: for the float32 family, which
+// runs the shared rules, the forward that ran them.
+void expectRealLocation(const Family& family, const std::string& located) {
+    const size_t colons = located.find("::");
+    ASSERT_NE(colons, std::string::npos) << located;
+    const unsigned long number = std::stoul(located.substr(colons + 2));
+    const std::string line = sourceLine(located.substr(0, colons), number);
+    EXPECT_FALSE(line.empty()) << located;
+    if (family.id == kF32) {
+        EXPECT_NE(line.find("kFloat32Rules"), std::string::npos) << located << "\n" << line;
+    }
+}
+
 class CheckRule : public testing::TestWithParam<RuleCase> {};
 
 TEST_P(CheckRule, PassesOrLogsItsLinesAndRefuses) {
@@ -321,6 +346,7 @@ TEST_P(CheckRule, PassesOrLogsItsLinesAndRefuses) {
     EXPECT_EQ(rule.errors, errorTexts(log));
     if (!rule.errors.empty()) {
         EXPECT_EQ(0u, log.errors().back().rfind(family.source, 0)) << log.errors().back();
+        expectRealLocation(family, log.errors().back());
     }
     if (!g.outs.empty()) {
         const std::vector<uint32_t> expected = !rule.dims.empty()    ? rule.dims

@@ -892,11 +892,34 @@ zel_op_type_enum getQuantizedActivationFunction(ActivationFunc activation) {
     return kOps[code - 1];
 }
 
+namespace {
+
+// Real bounds of a fused activation (+-FLT_MAX where it has none).
+struct ActivationBounds {
+    float low;
+    float high;
+};
+
+// Logs and answers false for a code that is no fused activation.
+bool activationBounds(int32_t activation, ActivationBounds* bounds) {
+    switch (activation) {
+        case static_cast<int32_t>(ActivationFunc::NONE): *bounds = {-FLT_MAX, FLT_MAX}; return true;
+        case static_cast<int32_t>(ActivationFunc::RELU): *bounds = {0.0f, FLT_MAX}; return true;
+        case static_cast<int32_t>(ActivationFunc::RELU1): *bounds = {-1.0f, 1.0f}; return true;
+        case static_cast<int32_t>(ActivationFunc::RELU6): *bounds = {0.0f, 6.0f}; return true;
+        default: ::handle_error_info("Unsupported fused activation function."); return false;
+    }
+}
+
+}  // namespace
+
 void CalculateActivationRangeUint8(int32_t activation, const Shape& outputShape, int32_t* act_min, int32_t* act_max) {
     if (act_min == nullptr || act_max == nullptr) {
         logFailedCondition("act_min != nullptr && act_max != nullptr");
         return;
     }
+    ActivationBounds bounds{};
+    if (!activationBounds(activation, &bounds)) return;
     const float scale = outputShape.scale;
     const int64_t zero_point = outputShape.offset;
     // Real value to quantized units: the division is single precision, the
@@ -906,25 +929,8 @@ void CalculateActivationRangeUint8(int32_t activation, const Shape& outputShape,
     };
     constexpr int32_t kQmin = 0;
     constexpr int32_t kQmax = 255;
-    switch (activation) {
-        case static_cast<int32_t>(ActivationFunc::NONE):
-            *act_min = kQmin;
-            *act_max = kQmax;
-            break;
-        case static_cast<int32_t>(ActivationFunc::RELU):
-            *act_min = std::max(kQmin, quantize(0.0f));
-            *act_max = kQmax;
-            break;
-        case static_cast<int32_t>(ActivationFunc::RELU1):
-            *act_min = std::max(kQmin, quantize(-1.0f));
-            *act_max = std::min(kQmax, quantize(1.0f));
-            break;
-        case static_cast<int32_t>(ActivationFunc::RELU6):
-            *act_min = std::max(kQmin, quantize(0.0f));
-            *act_max = std::min(kQmax, quantize(6.0f));
-            break;
-        default: ::handle_error_info("Unsupported fused activation function."); break;
-    }
+    *act_min = bounds.low == -FLT_MAX ? kQmin : std::max(kQmin, quantize(bounds.low));
+    *act_max = bounds.high == FLT_MAX ? kQmax : std::min(kQmax, quantize(bounds.high));
 }
 
 void CalculateActivationRangeFloat(int32_t activation, float* activation_min, float* activation_max) {
@@ -932,25 +938,10 @@ void CalculateActivationRangeFloat(int32_t activation, float* activation_min, fl
         logFailedCondition("activation_min != nullptr && activation_max != nullptr");
         return;
     }
-    switch (activation) {
-        case static_cast<int32_t>(ActivationFunc::NONE):
-            *activation_min = -FLT_MAX;
-            *activation_max = FLT_MAX;
-            break;
-        case static_cast<int32_t>(ActivationFunc::RELU):
-            *activation_min = 0.0f;
-            *activation_max = FLT_MAX;
-            break;
-        case static_cast<int32_t>(ActivationFunc::RELU1):
-            *activation_min = -1.0f;
-            *activation_max = 1.0f;
-            break;
-        case static_cast<int32_t>(ActivationFunc::RELU6):
-            *activation_min = 0.0f;
-            *activation_max = 6.0f;
-            break;
-        default: ::handle_error_info("Unsupported fused activation function."); break;
-    }
+    ActivationBounds bounds{};
+    if (!activationBounds(activation, &bounds)) return;
+    *activation_min = bounds.low;
+    *activation_max = bounds.high;
 }
 
 bool QuantizeMultiplierSmallerThanOne(double double_multiplier, int32_t* quantized_multiplier, int32_t* right_shift) {

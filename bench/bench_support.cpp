@@ -6,6 +6,7 @@
 #include <cstdlib>
 
 #include "zel_accelerator.h"
+#include "zel_test_peers.h"
 #include "zelhost/model_zoo.h"
 
 namespace zelbench {
@@ -141,7 +142,7 @@ arv::nnhal::IGraphExecutor* prepare(HostGraph& graph) {
 
 int runtimeGraphId(arv::nnhal::IGraphExecutor* executor) {
     // Every executor the plug-in hands out is its own ZelExecutor.
-    return static_cast<int>(static_cast<arv::nnhal::zel::ZelExecutor*>(executor)->graphId());
+    return static_cast<int>(peer(static_cast<arv::nnhal::zel::ZelExecutor*>(executor)).graphId());
 }
 
 Bindings::Bindings(HostGraph& graph) : mGraph(graph) {

@@ -34,6 +34,7 @@
 
 #include "bench_support.h"
 #include "zel_accelerator.h"
+#include "zel_test_peers.h"
 #include "zelsim/control.h"
 
 #if defined(ZEL_HAVE_CALLGRIND_H)
@@ -66,13 +67,13 @@ int usage() {
 void settle() {
     if (!RUNNING_ON_VALGRIND) return;
     auto lib = arv::nnhal::zel::Controller::getInstance()->getNnLib();
-    if (!lib || lib->votingThread() == nullptr) return;
+    if (!lib || peer(lib).votingThread() == nullptr) return;
     std::this_thread::sleep_for(std::chrono::milliseconds(5500));
-    size_t last = lib->votingThread()->queueSize();
+    size_t last = peer(peer(lib).votingThread()).queueSize();
     int stable = 0;
     for (int polls = 0; polls < 3000 && stable < 10; ++polls) {
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        const size_t now = lib->votingThread()->queueSize();
+        const size_t now = peer(peer(lib).votingThread()).queueSize();
         stable = now == last ? stable + 1 : 0;
         last = now;
     }

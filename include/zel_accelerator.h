@@ -74,16 +74,15 @@ public:
     // Asks the worker to stop at its next wake-up.
     void exit();
 
-    // Test observation: up-vote count of `token`, or -1 when unknown.
+private:
+    // Observed by tests (through the peer): up-vote count of `token` (-1
+    // when unknown), live tokens, queued messages in all and of one type.
+    friend class VotingThreadTestPeer;
     int64_t tokenCount(uint64_t token);
-    // Test observation: number of live tokens.
     size_t tokenTotal();
-    // Test observation: number of queued messages.
     size_t queueSize();
-    // Test observation: number of queued messages of one type.
     size_t queuedCount(Message::Type type);
 
-private:
     void votingThreadFunc();
     void waitForVote();
     // Queues a message; true when it became the first one due, which is
@@ -134,9 +133,6 @@ public:
     // New binding with the library loaded (an empty table when loading
     // failed); empty only when loading threw.
     static std::shared_ptr<NnLib> makeNnLib();
-    // Test-only: queue delays (and clock) of the voting thread of every
-    // NnLib that makeNnLib creates from now on. Production code never calls it.
-    static void setDelaysForTest(const VotingThread::Delays& delays);
 
     // Opens the library and binds the table; a bad configuration closes it again.
     void load();
@@ -168,26 +164,28 @@ public:
     int set_config_params(int graph_id, kestrel_zel_nn_config_enum param, void* value);
     int set_powersave_level(unsigned int level);
 
-    // True when the library is open (handle held).
-    bool isLoaded() const {
-        std::shared_lock<std::shared_mutex> call(mCallMutex);
-        return mHandle != nullptr;
-    }
-    // True when the version entry point is bound.
-    bool hasVersion() const {
-        std::shared_lock<std::shared_mutex> call(mCallMutex);
-        return mVersion != nullptr;
-    }
     // True when the power-save entry point is bound (never, by design).
     bool hasPowersaveLevel() const { return mSetPowersaveLevel != nullptr; }
 
     void asyncVote(uint64_t token, VotingThread::VoteType type);
     uint64_t generateVotingToken();
     void releaseVotingToken(uint64_t token);
-    // The voting thread, for observation in tests.
-    VotingThread* votingThread() { return mVotingThread.get(); }
 
 private:
+    // Tests (through the peer) set the queue delays of the libraries made
+    // from then on, see whether the library is open and the version entry
+    // point bound, and watch the voting thread.
+    friend class NnLibTestPeer;
+    static void setNewLibraryDelays(const VotingThread::Delays& delays);
+    bool isLoaded() const {
+        std::shared_lock<std::shared_mutex> call(mCallMutex);
+        return mHandle != nullptr;
+    }
+    bool hasVersion() const {
+        std::shared_lock<std::shared_mutex> call(mCallMutex);
+        return mVersion != nullptr;
+    }
+
     using InitFn = int (*)(int*);
     using GetlogFn = int (*)(int, unsigned char*, unsigned int);
     using SetDebugLevelFn = int (*)(int, int);
@@ -262,10 +260,8 @@ public:
     ExecuteResult execute() override;
     void release() override;
 
-    uint32_t graphId() const { return mGraphId; }
-    ExecutionPerformance performance() const { return mPerformance; }
-
 private:
+    friend class ZelExecutorTestPeer;
     ZelExecutor(IGraph* graph);
 
     IGraph* mGraph;

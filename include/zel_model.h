@@ -39,17 +39,15 @@ struct OperandInfo {
     kestrel_zel_nn_output output{};  // runtime output description
 };
 
-// Bytes per element of an operand type; 0 (and an error line) when unknown.
-uint32_t getSize(OperandType type);
-// `dims` left-padded with 1s to exactly N entries; empty (and an error line)
-// when dims has more than N entries.
-std::vector<uint32_t> getAlignedDimensions(const std::vector<uint32_t>& dims, uint32_t N);
 // Runtime output record for dims (aligned to four) and an element size.
 output make_kestrel_nn_output(const std::vector<uint32_t>& dims, uint32_t elementSize);
 
 // Copy of `info` with the host operand's current dims (when it reports
 // any) and its current data pointer and length.
 OperandInfo getUpdatedOperand(IOperand* operand, const OperandInfo& info);
+// The same into `updated`, whose vectors keep their storage when they are
+// large enough: executions reuse one record.
+void getUpdatedOperand(IOperand* operand, const OperandInfo& info, OperandInfo* updated);
 
 class ZelModel {
 public:
@@ -76,7 +74,8 @@ public:
     std::string getLog();
     std::string getGraph();
     // Runtime tensor record of an operand: dims aligned to four, the
-    // operand's data and length. All zero when it has more than 4 dims.
+    // operand's data and length. All zero (and the alignment's error line)
+    // when it has more than 4 dims.
     kestrel_zel_nn_tensordef convertToTensordef(const OperandInfo& info);
 
     // --- support query -----------------------------------------------------
@@ -186,19 +185,13 @@ public:
 
     // --- state access ------------------------------------------------------
     uint32_t graphId() const { return mGraphId; }
-    uint32_t lastNodeId() const { return mNodeId; }
-    uint64_t votingToken() const { return mVotingToken; }
-    const std::shared_ptr<NnLib>& nnLib() const { return mNnLib; }
     std::vector<OperandInfo>& operands() { return mOperands; }
-    const std::vector<uint32_t>& graphInputs() const { return mInputs; }
-    const std::vector<uint32_t>& graphOutputs() const { return mOutputs; }
-
-    // Test-only: node-level tests append to a runtime graph obtained
-    // outside prepare. Production code never calls these.
-    void setGraphIdForTest(uint32_t graphId) { mGraphId = graphId; }
-    void setBatchSizeForTest(uint32_t batchSize) { mBatchSize = batchSize; }
 
 private:
+    // Node-level tests (through the peer) append to a runtime graph
+    // obtained outside prepare, set the batch size and read the state.
+    friend class ZelModelTestPeer;
+
     // True when `index` names an operand; otherwise one error line.
     bool checkOperand(uint32_t index);
     // Constant node 1x1x1x1 holding one float.
@@ -207,12 +200,16 @@ private:
     // elementSize for custom-byte operands, getSize(type) otherwise.
     uint32_t outputElementSize(const OperandInfo& operand);
     // Filter or weight bytes transposed as rows x cols elements (floats for
-    // TENSOR_FP32, bytes otherwise); false (one error line) when the
-    // operand's data does not hold exactly that many elements.
-    bool transposedData(uint32_t index, uint64_t rows, uint64_t cols, std::unique_ptr<uint8_t[]>* out);
-    // Tensor records of the host's current buffers for `indices`.
-    bool collectTensordefs(IGraph* graph, const std::vector<uint32_t>& indices,
-                           std::vector<kestrel_zel_nn_tensordef>* defs);
+    // TENSOR_FP32, bytes otherwise) into the model's transpose buffer,
+    // valid until the next call; false (one error line) when the operand's
+    // data does not hold exactly that many elements.
+    bool transposedData(uint32_t index, uint64_t rows, uint64_t cols, const uint8_t** out);
+    // Allocates the transpose buffer once for a preparation, as large as
+    // the largest filter or weight the lowering will transpose.
+    void reserveTransposeBuffer();
+    // The custom-byte and leading-zero rules of getDimensions applied to
+    // `count` dims in place.
+    void adjustDimensions(const OperandInfo& operand, uint32_t* dims, size_t count) const;
 
     uint32_t mGraphId;
     uint32_t mNodeId;
@@ -226,6 +223,14 @@ private:
     std::vector<IBuffer*> mBuffers;
     uint64_t mVotingToken;
     uint32_t mBatchSize;
+    // Kept from one execution to the next (see execute).
+    OperandInfo mExecutionOperand;
+    std::vector<kestrel_zel_nn_tensordef> mExecutionInputs;
+    std::vector<kestrel_zel_nn_tensordef> mExecutionOutputs;
+    // Transposed filters and weights on their way to the runtime; freed
+    // when preparation ends.
+    std::unique_ptr<uint8_t[]> mTransposeBuffer;
+    size_t mTransposeBufferSize = 0;
 };
 
 // Byte and float transposes of a row-major rows x cols matrix.

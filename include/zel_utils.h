@@ -154,6 +154,12 @@ struct Shape {
     int32_t offset = 0;
 };
 
+// Bytes per element of an operand type; 0 (and an error line) when unknown.
+uint32_t getSize(OperandType type);
+// `dims` left-padded with 1s to exactly N entries; empty (and an error line)
+// when dims has more than N entries.
+std::vector<uint32_t> getAlignedDimensions(const std::vector<uint32_t>& dims, uint32_t N);
+
 // ---------------------------------------------------------------------------
 // Text renderings.
 

@@ -275,12 +275,12 @@ NnLib::NnLib(VotingThread::Delays delays) : mVotingThread(std::make_unique<Votin
 NnLib::~NnLib() = default;
 
 namespace {
-// Set only by tests, through NnLib::setDelaysForTest.
+// Set only by tests, through NnLib::setNewLibraryDelays.
 std::mutex gTestDelaysMutex;
 std::unique_ptr<VotingThread::Delays> gTestDelays;
 }  // namespace
 
-void NnLib::setDelaysForTest(const VotingThread::Delays& delays) {
+void NnLib::setNewLibraryDelays(const VotingThread::Delays& delays) {
     std::lock_guard<std::mutex> lock(gTestDelaysMutex);
     gTestDelays = std::make_unique<VotingThread::Delays>(delays);
 }

@@ -62,27 +62,6 @@ uint64_t cappedProduct(std::initializer_list<uint64_t> factors) {
 // ---------------------------------------------------------------------------
 // Free helpers.
 
-uint32_t getSize(OperandType type) {
-    switch (type) {
-        case OperandType::SCALAR_FP32:
-        case OperandType::SCALAR_INT32:
-        case OperandType::SCALAR_UNSIGNED_INT32:
-        case OperandType::TENSOR_FP32:
-        case OperandType::TENSOR_INT32: return 4;
-        case OperandType::TENSOR_QUANT8:
-        case OperandType::TENSOR_CUSTOM_BYTE: return 1;
-        default: ZEL_LOG_LOCATED("Error: type exceeds max enum value"); return 0;
-    }
-}
-
-std::vector<uint32_t> getAlignedDimensions(const std::vector<uint32_t>& dims, uint32_t N) {
-    ZEL_CHECK_GE(N, dims.size(), std::vector<uint32_t>(),
-                 "Error: constant data dimensions " << dims.size() << " exceeds alignment of " << N);
-    std::vector<uint32_t> aligned(N - dims.size(), 1);
-    aligned.insert(aligned.end(), dims.begin(), dims.end());
-    return aligned;
-}
-
 output make_kestrel_nn_output(const std::vector<uint32_t>& dims, uint32_t elementSize) {
     output record{};
     const std::vector<uint32_t> aligned = getAlignedDimensions(dims, 4);
@@ -95,19 +74,24 @@ output make_kestrel_nn_output(const std::vector<uint32_t>& dims, uint32_t elemen
 }
 
 OperandInfo getUpdatedOperand(IOperand* operand, const OperandInfo& info) {
-    OperandInfo updated = info;
-    if (operand == nullptr) return updated;
+    OperandInfo updated;
+    getUpdatedOperand(operand, info, &updated);
+    return updated;
+}
+
+void getUpdatedOperand(IOperand* operand, const OperandInfo& info, OperandInfo* updated) {
+    *updated = info;
+    if (operand == nullptr) return;
     const uint32_t count = operand->getDimensionCount();
     if (count != 0) {
-        updated.dimensions.resize(count);
-        for (uint32_t i = 0; i < count; ++i) updated.dimensions[i] = operand->getDimension(i);
+        updated->dimensions.resize(count);
+        for (uint32_t i = 0; i < count; ++i) updated->dimensions[i] = operand->getDimension(i);
     }
     // The data is taken whatever the status says: during an execution the
     // host reports the bound buffer.
     const DataResult data = operand->getData();
-    updated.data = data.data;
-    updated.length = data.length;
-    return updated;
+    updated->data = data.data;
+    updated->length = data.length;
 }
 
 namespace {
@@ -325,13 +309,18 @@ zel_op_type_enum ZelModel::getQuantizedActivation(uint32_t index) {
 
 std::vector<uint32_t> ZelModel::getDimensions(const OperandInfo& operand, bool original) {
     std::vector<uint32_t> dims = original ? operand.originalDimensions : operand.dimensions;
-    if (!dims.empty() && operand.type == OperandType::TENSOR_CUSTOM_BYTE && operand.elementSize != 0) {
+    adjustDimensions(operand, dims.data(), dims.size());
+    return dims;
+}
+
+void ZelModel::adjustDimensions(const OperandInfo& operand, uint32_t* dims, size_t count) const {
+    if (count == 0) return;
+    if (operand.type == OperandType::TENSOR_CUSTOM_BYTE && operand.elementSize != 0) {
         // The host counts a custom-byte operand's last dimension in bytes;
         // the runtime wants elements.
-        dims.back() /= operand.elementSize;
+        dims[count - 1] /= operand.elementSize;
     }
-    if (!dims.empty() && dims[0] == 0) dims[0] = mBatchSize;
-    return dims;
+    if (dims[0] == 0) dims[0] = mBatchSize;
 }
 
 std::vector<uint32_t> ZelModel::getOriginalDimensions(const OperandInfo& operand) {
@@ -438,7 +427,7 @@ const input& ZelModel::getQuantizationMax(uint32_t index) {
     return operand.quantMax;
 }
 
-bool ZelModel::transposedData(uint32_t index, uint64_t rows, uint64_t cols, std::unique_ptr<uint8_t[]>* out) {
+bool ZelModel::transposedData(uint32_t index, uint64_t rows, uint64_t cols, const uint8_t** out) {
     const OperandInfo& operand = mOperands[index];
     const bool isFloat = getShape(index).type == OperandType::TENSOR_FP32;
     const uint64_t elementBytes = isFloat ? sizeof(float) : 1;
@@ -451,22 +440,30 @@ bool ZelModel::transposedData(uint32_t index, uint64_t rows, uint64_t cols, std:
                                    << (needed == kSizeCap ? std::string("more than 2^32") : std::to_string(needed)));
         return false;
     }
-    out->reset();
+    *out = nullptr;
     if (needed == 0) return true;
     const uint32_t r = static_cast<uint32_t>(rows);
     const uint32_t c = static_cast<uint32_t>(cols);
-    // Left uninitialised: the transpose writes every byte once, and this
-    // buffer lives only until the runtime has taken its copy.
-    out->reset(new uint8_t[static_cast<size_t>(needed)]);
+    // One buffer serves every transpose of a preparation: the runtime has
+    // taken its copy before the next constant is transposed, and a buffer
+    // written moments ago is still in the cache. Left uninitialised: the
+    // transpose writes every byte once.
+    if (mTransposeBufferSize < needed) {
+        mTransposeBuffer.reset();
+        mTransposeBuffer.reset(new uint8_t[static_cast<size_t>(needed)]);
+        mTransposeBufferSize = static_cast<size_t>(needed);
+    }
+    uint8_t* buffer = mTransposeBuffer.get();
     if (isFloat) {
         // Host data may sit at any address: copy into aligned floats first.
         std::vector<float> values(static_cast<size_t>(rows * cols));
         std::memcpy(values.data(), operand.data, static_cast<size_t>(needed));
         const std::vector<float> transposed = transpose(r, c, values.data());
-        std::memcpy(out->get(), transposed.data(), static_cast<size_t>(needed));
+        std::memcpy(buffer, transposed.data(), static_cast<size_t>(needed));
     } else {
-        transposeInto(r, c, operand.data, out->get());
+        transposeInto(r, c, operand.data, buffer);
     }
+    *out = buffer;
     return true;
 }
 
@@ -477,10 +474,10 @@ input ZelModel::createConvFilterTensor(uint32_t index) {
     ZEL_CHECK_NE(0ul, dims.size(), input{}, "Need at most 4 dimensions");
     handle_debug_info("NHWC --> HWCN");
     // Each output channel's filter [h, w, i] becomes one column.
-    std::unique_ptr<uint8_t[]> transposed;
+    const uint8_t* transposed = nullptr;
     const uint64_t cols = cappedProduct({dims[1], dims[2], dims[3]});
     if (!transposedData(index, dims[0], cols, &transposed)) return input{};
-    return createTensorInternal(dims[1], dims[2], dims[3], dims[0], transposed.get(), operand.length);
+    return createTensorInternal(dims[1], dims[2], dims[3], dims[0], transposed, operand.length);
 }
 
 input ZelModel::createDepthwiseFilterTensor(uint32_t index, uint32_t depthMultiplier) {
@@ -503,11 +500,10 @@ input ZelModel::createFullyConnectedWeightTensor(uint32_t index) {
     handle_debug_info("WC --> CW");
     const uint64_t rows = cappedProduct({dims[1], dims[0], dims[2]});
     const uint32_t cols = dims[3];
-    std::unique_ptr<uint8_t[]> transposed;
+    const uint8_t* transposed = nullptr;
     if (!transposedData(index, rows, cols, &transposed)) return input{};
     // rows fits: rows * cols * element size equals the 32-bit length.
-    const input result =
-        createTensorInternal(1, 1, cols, static_cast<uint32_t>(rows), transposed.get(), operand.length);
+    const input result = createTensorInternal(1, 1, cols, static_cast<uint32_t>(rows), transposed, operand.length);
     // Only quantized weights are remembered; a float weight gets a new
     // node on every call. Kept as is.
     if (operand.type != OperandType::TENSOR_FP32) operand.kestrel_input = result;
@@ -994,6 +990,7 @@ bool ZelModel::prepare(ExecutionPerformance /*performance*/) {
 
         bool built = false;
         try {
+            reserveTransposeBuffer();
             built = operationPreProcess();
             if (built) {
                 addBatchSeqConfig();  // configures nothing; its answer is not looked at
@@ -1003,6 +1000,8 @@ bool ZelModel::prepare(ExecutionPerformance /*performance*/) {
             ZEL_LOG_LOCATED("Appending nodes failed: " << e.what());
             built = false;
         }
+        mTransposeBuffer.reset();
+        mTransposeBufferSize = 0;
 
         if (built) {
             handle_debug_info("Finished append nodes.");
@@ -1030,6 +1029,24 @@ bool ZelModel::prepare(ExecutionPerformance /*performance*/) {
     } catch (...) {
     }
     return false;
+}
+
+void ZelModel::reserveTransposeBuffer() {
+    // Convolution filters and fully connected weights (input 1) are the
+    // operands the lowering transposes.
+    size_t largest = 0;
+    for (IOperation* operation : mOperations) {
+        const OperationType type = operation->getType();
+        if (type != OperationType::CONV_2D && type != OperationType::FULLY_CONNECTED) continue;
+        if (operation->getNumInputs() < 2) continue;
+        const uint32_t index = operation->getInput(1);
+        if (index < mOperands.size()) largest = std::max<size_t>(largest, mOperands[index].length);
+    }
+    mTransposeBuffer.reset();
+    mTransposeBufferSize = 0;
+    if (largest == 0) return;
+    mTransposeBuffer.reset(new uint8_t[largest]);
+    mTransposeBufferSize = largest;
 }
 
 bool ZelModel::operationPreProcess() {
@@ -1118,8 +1135,18 @@ bool ZelModel::addOperations() {
 
 kestrel_zel_nn_tensordef ZelModel::convertToTensordef(const OperandInfo& info) {
     kestrel_zel_nn_tensordef def{};
-    const std::vector<uint32_t> dims = getAlignedDimensions(getDimensions(info, false), 4);
-    if (dims.size() != 4) return def;
+    const std::vector<uint32_t>& current = info.dimensions;
+    if (current.size() > 4) {
+        // Alignment refuses it with its error line; the record stays zero.
+        getAlignedDimensions(current, 4);
+        return def;
+    }
+    // getDimensions aligned to four, built in place: every execution
+    // converts each input and output, and allocates nothing for it.
+    uint32_t dims[4] = {1, 1, 1, 1};
+    uint32_t* const own = dims + (4 - current.size());
+    std::copy(current.begin(), current.end(), own);
+    adjustDimensions(info, own, current.size());
     def.batches = dims[0];
     def.height = dims[1];
     def.width = dims[2];
@@ -1133,44 +1160,6 @@ kestrel_zel_nn_tensordef ZelModel::convertToTensordef(const OperandInfo& info) {
     return def;
 }
 
-bool ZelModel::collectTensordefs(IGraph* graph, const std::vector<uint32_t>& indices,
-                                 std::vector<kestrel_zel_nn_tensordef>* defs) {
-    defs->reserve(indices.size());
-    for (uint32_t index : indices) {
-        IOperand* operand = graph->getOperand(index);
-        if (operand == nullptr || index >= mOperands.size()) {
-            ZEL_LOG_LOCATED("Graph operand " << index << " is missing");
-            return false;
-        }
-        const OperandInfo& info = mOperands[index];
-        const uint32_t hostRank = operand->getDimensionCount();
-        const uint32_t rank = hostRank != 0 ? hostRank : static_cast<uint32_t>(info.dimensions.size());
-        if (rank > 4) {
-            ZEL_LOG_LOCATED("Operand " << index << " has more than 4 dimensions and cannot be executed");
-            return false;
-        }
-        uint32_t dims[4] = {1, 1, 1, 1};
-        for (uint32_t i = 0; i < rank; ++i) {
-            dims[4 - rank + i] = hostRank != 0 ? operand->getDimension(i) : info.dimensions[i];
-        }
-        if (rank > 0) {
-            if (info.type == OperandType::TENSOR_CUSTOM_BYTE && info.elementSize != 0) dims[3] /= info.elementSize;
-            if (dims[4 - rank] == 0) dims[4 - rank] = mBatchSize;
-        }
-        const DataResult data = operand->getData();
-        kestrel_zel_nn_tensordef def{};
-        def.batches = dims[0];
-        def.height = dims[1];
-        def.width = dims[2];
-        def.depth = dims[3];
-        def.data = const_cast<unsigned char*>(data.data);
-        def.dataLen = static_cast<int32_t>(data.length);
-        def.data_valid_len = data.length;
-        defs->push_back(def);
-    }
-    return true;
-}
-
 bool ZelModel::execute(IGraph* graph) {
     bool votedUp = false;
     int result = -1;
@@ -1180,16 +1169,35 @@ bool ZelModel::execute(IGraph* graph) {
             votedUp = true;
         }
         handle_debug_info("In ZelModel::execute(IGraph* graph)");
-        std::vector<kestrel_zel_nn_tensordef> inputs;
-        std::vector<kestrel_zel_nn_tensordef> outputs;
+        // The records of the host's current buffers. The lists and the
+        // updated operand are the model's, kept from one execution to the
+        // next, so that an execution allocates nothing.
+        const auto collect = [&](const std::vector<uint32_t>& indices, std::vector<kestrel_zel_nn_tensordef>* defs) {
+            defs->clear();
+            for (uint32_t index : indices) {
+                IOperand* operand = graph->getOperand(index);
+                if (operand == nullptr || index >= mOperands.size()) {
+                    ZEL_LOG_LOCATED("Graph operand " << index << " is missing");
+                    return false;
+                }
+                getUpdatedOperand(operand, mOperands[index], &mExecutionOperand);
+                if (mExecutionOperand.dimensions.size() > 4) {
+                    ZEL_LOG_LOCATED("Operand " << index << " has more than 4 dimensions and cannot be executed");
+                    return false;
+                }
+                defs->push_back(convertToTensordef(mExecutionOperand));
+            }
+            return true;
+        };
         if (graph == nullptr) {
             ZEL_LOG_LOCATED("No graph to execute");
-        } else if (collectTensordefs(graph, mInputs, &inputs) && collectTensordefs(graph, mOutputs, &outputs)) {
+        } else if (collect(mInputs, &mExecutionInputs) && collect(mOutputs, &mExecutionOutputs)) {
             // The runtime writes the results straight into the host's
             // output buffers.
-            result = mNnLib ? mNnLib->execute_new(static_cast<int>(mGraphId), inputs.data(),
-                                                  static_cast<unsigned int>(inputs.size()), outputs.data(),
-                                                  static_cast<unsigned int>(outputs.size()))
+            result = mNnLib ? mNnLib->execute_new(static_cast<int>(mGraphId), mExecutionInputs.data(),
+                                                  static_cast<unsigned int>(mExecutionInputs.size()),
+                                                  mExecutionOutputs.data(),
+                                                  static_cast<unsigned int>(mExecutionOutputs.size()))
                             : -1;
         }
         handle_debug_info(std::string("ZelModel::execute was ") + (result == 0 ? "SUCCESSFUL" : "UNSUCCESSFUL"));

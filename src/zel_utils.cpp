@@ -1,7 +1,7 @@
 // Diagnostics (logging and the text renderings of the host enumerations and
-// the runtime records), shape records and output-shape inference, and the
-// padding, activation and fixed-point arithmetic the lowering hands to the
-// runtime.
+// the runtime records), element sizes and dimension alignment, shape records
+// and output-shape inference, and the padding, activation and fixed-point
+// arithmetic the lowering hands to the runtime.
 //
 // Every shape rule is an NN_CHECK whose text is the condition as written
 // here, so local names are chosen to make the logged text read as the rule.
@@ -327,6 +327,30 @@ int64_t clampedSliceIndex(int32_t index, int64_t dimSize, bool positiveStride) {
 }
 
 }  // namespace
+
+// ---------------------------------------------------------------------------
+// Element sizes and dimension alignment.
+
+uint32_t getSize(OperandType type) {
+    switch (type) {
+        case OperandType::SCALAR_FP32:
+        case OperandType::SCALAR_INT32:
+        case OperandType::SCALAR_UNSIGNED_INT32:
+        case OperandType::TENSOR_FP32:
+        case OperandType::TENSOR_INT32: return 4;
+        case OperandType::TENSOR_QUANT8:
+        case OperandType::TENSOR_CUSTOM_BYTE: return 1;
+        default: ZEL_LOG_LOCATED("Error: type exceeds max enum value"); return 0;
+    }
+}
+
+std::vector<uint32_t> getAlignedDimensions(const std::vector<uint32_t>& dims, uint32_t N) {
+    ZEL_CHECK_GE(N, dims.size(), std::vector<uint32_t>(),
+                 "Error: constant data dimensions " << dims.size() << " exceeds alignment of " << N);
+    std::vector<uint32_t> aligned(N - dims.size(), 1);
+    aligned.insert(aligned.end(), dims.begin(), dims.end());
+    return aligned;
+}
 
 // ---------------------------------------------------------------------------
 // Shape record.

@@ -12,7 +12,7 @@ target_compile_definitions(fuzz_replay_test PRIVATE ZEL_FUZZ_CORPUS="${CMAKE_CUR
 # Malformed graphs, injected runtime faults, concurrency stress and soak,
 # all through the accelerator as a host drives it, on the simulator.
 add_library(zel_reliability_support STATIC reliability/reliability_support.cpp)
-target_link_libraries(zel_reliability_support PUBLIC zel_core zelhost zel_kestrel_runtime gtest)
+target_link_libraries(zel_reliability_support PUBLIC zel_core zelhost zel_kestrel_runtime zel_test_support gtest)
 target_compile_definitions(zel_reliability_support PUBLIC ZEL_EXAMPLES_DIR="${CMAKE_SOURCE_DIR}/examples")
 
 zel_add_gtest(reliability_malformed_test

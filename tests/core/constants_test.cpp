@@ -2,6 +2,7 @@
 // layouts the runtime wants (the small layouts are also in the lowering
 // chains). Each node is compared as a diagram line.
 #include "core_fixture.h"
+#include "zel_test_peers.h"
 
 namespace zelcore {
 namespace {
@@ -83,7 +84,7 @@ TEST_F(Constants, MoreThanFourDimensionsAreRefused) {
     EXPECT_EQ(input{}, model->createFullyConnectedWeightTensor(big));
     EXPECT_EQ(3u, log.countContaining("failed 0ul != dims.size() (0 != 0): Need at most 4 dimensions"));
     EXPECT_TRUE(recorded().empty());
-    EXPECT_EQ(0u, model->lastNodeId());
+    EXPECT_EQ(0u, peer(*model).lastNodeId());
 }
 
 // A refused constant uses up its id and stays absent, so the next read

@@ -16,6 +16,7 @@
 #include "node_diagram.h"
 #include "zel_accelerator.h"
 #include "zel_model.h"
+#include "zel_test_peers.h"
 #include "zelhost/host_graph.h"
 #include "zelsim/control.h"
 
@@ -70,8 +71,8 @@ protected:
     // Gives the model a runtime graph for node-level work outside prepare.
     int attach(ZelModel& model) {
         int id = 0;
-        EXPECT_EQ(0, model.nnLib()->init(&id));
-        model.setGraphIdForTest(static_cast<uint32_t>(id));
+        EXPECT_EQ(0, peer(model).nnLib()->init(&id));
+        peer(model).setGraphId(static_cast<uint32_t>(id));
         return id;
     }
 
@@ -83,13 +84,13 @@ protected:
     // applied the queue holds one message per down vote plus the timeout
     // of the last up vote.
     void expectVotes(ZelModel& model, int64_t ups, size_t downs) {
-        arv::nnhal::zel::VotingThread* thread = model.nnLib()->votingThread();
-        const uint64_t token = model.votingToken();
-        for (int i = 0; i < 5000 && thread->tokenCount(token) < ups; ++i) {
+        arv::nnhal::zel::VotingThread* thread = peer(peer(model).nnLib()).votingThread();
+        const uint64_t token = peer(model).votingToken();
+        for (int i = 0; i < 5000 && peer(thread).tokenCount(token) < ups; ++i) {
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
-        EXPECT_EQ(ups, thread->tokenCount(token));
-        EXPECT_EQ(downs + (ups > 0 ? 1u : 0u), thread->queueSize());
+        EXPECT_EQ(ups, peer(thread).tokenCount(token));
+        EXPECT_EQ(downs + (ups > 0 ? 1u : 0u), peer(thread).queueSize());
     }
 
     zeltest::LogCapture log;

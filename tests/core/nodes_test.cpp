@@ -4,6 +4,7 @@
 #include <functional>
 
 #include "core_fixture.h"
+#include "zel_test_peers.h"
 
 namespace zelcore {
 namespace {
@@ -30,7 +31,7 @@ TEST_F(Nodes, AbsentReferencesAndEmptyRecordsNeverReachTheRuntime) {
                                                "error adding operation: one or more outputs is invalid"};
     EXPECT_EQ(expected, errorTexts());
     EXPECT_EQ(0, zelsim::callCount("append_node"));
-    EXPECT_EQ(0u, model->lastNodeId());
+    EXPECT_EQ(0u, peer(*model).lastNodeId());
 }
 
 // A quantized value takes three slots (value, min, max), a float one slot,

@@ -1,5 +1,6 @@
 // Operand registry, free helpers and reading a host graph into a model.
 #include "core_fixture.h"
+#include "zel_test_peers.h"
 
 namespace zelcore {
 namespace {
@@ -102,7 +103,7 @@ TEST_F(Registry, DimensionsOfCustomBytesAndZeroBatches) {
 
     const OperandInfo& z = model->operands()[leadingZero];
     EXPECT_EQ((std::vector<uint32_t>{0, 5}), model->getDimensions(z, true));  // batch size is 0
-    model->setBatchSizeForTest(7);
+    peer(*model).setBatchSize(7);
     EXPECT_EQ((std::vector<uint32_t>{7, 5}), model->getDimensions(z, true));
     EXPECT_EQ((std::vector<uint32_t>{1, 4, 4, 2}), model->getDimensions(model->operands()[in], true));
 }

@@ -11,6 +11,7 @@
 #include "foundation_support.h"
 #include "log_capture.h"
 #include "zel_accelerator.h"
+#include "zel_test_peers.h"
 #include "zel_utils.h"
 #include "zelsim/control.h"
 
@@ -34,8 +35,8 @@ TEST_F(NnLibBinding, LoadsConfiguresOnceAndForwardsResults) {
     zeltest::LogCapture log;
     std::shared_ptr<NnLib> lib = NnLib::makeNnLib();
     ASSERT_TRUE(lib);
-    EXPECT_TRUE(lib->isLoaded());
-    EXPECT_TRUE(lib->hasVersion());
+    EXPECT_TRUE(peer(lib).isLoaded());
+    EXPECT_TRUE(peer(lib).hasVersion());
     EXPECT_TRUE(log.errors().empty());
     EXPECT_EQ(zelsim::callCount("config"), 1);
 
@@ -62,17 +63,17 @@ TEST_F(NnLibBinding, LoadsConfiguresOnceAndForwardsResults) {
 
 TEST_F(NnLibBinding, ResetFunctorsEmptiesTheTableAndCloses) {
     std::shared_ptr<NnLib> lib = NnLib::makeNnLib();
-    ASSERT_TRUE(lib && lib->isLoaded());
+    ASSERT_TRUE(lib && peer(lib).isLoaded());
     lib->resetFunctors();
-    EXPECT_FALSE(lib->isLoaded());
-    EXPECT_FALSE(lib->hasVersion());
+    EXPECT_FALSE(peer(lib).isLoaded());
+    EXPECT_FALSE(peer(lib).hasVersion());
     const int callsBefore = static_cast<int>(zelsim::calls().size());
     foundation::expectEveryWrapperFails(*lib);
     // Nothing reached the runtime.
     EXPECT_EQ(static_cast<int>(zelsim::calls().size()), callsBefore);
     // A second reset is harmless.
     lib->resetFunctors();
-    EXPECT_FALSE(lib->isLoaded());
+    EXPECT_FALSE(peer(lib).isLoaded());
 }
 
 TEST_F(NnLibBinding, ConfigFailureClosesTheLibraryAgain) {
@@ -80,7 +81,7 @@ TEST_F(NnLibBinding, ConfigFailureClosesTheLibraryAgain) {
     zeltest::LogCapture log;
     std::shared_ptr<NnLib> lib = NnLib::makeNnLib();
     ASSERT_TRUE(lib);
-    EXPECT_FALSE(lib->isLoaded());
+    EXPECT_FALSE(peer(lib).isLoaded());
     EXPECT_EQ(zelsim::callCount("config"), 1);
     int version = 0;
     EXPECT_EQ(lib->version(&version), -1);
@@ -92,7 +93,7 @@ TEST_F(NnLibBinding, ConfigFailureClosesTheLibraryAgain) {
 
 TEST_F(NnLibBinding, LoadFunctionReportsNullNamesAndMissingSymbols) {
     std::shared_ptr<NnLib> lib = NnLib::makeNnLib();
-    ASSERT_TRUE(lib && lib->isLoaded());
+    ASSERT_TRUE(lib && peer(lib).isLoaded());
     zeltest::LogCapture log;
     EXPECT_EQ(lib->loadFunction<void*>(nullptr), nullptr);
     EXPECT_EQ(lib->loadFunction<void*>("kestrel_zel_nn_no_such_entry"), nullptr);
@@ -177,9 +178,9 @@ TEST_F(ControllerTest, TwoResetsInARowEachCloseAndGiveAFreshBinding) {
     EXPECT_NE(first, second);
     EXPECT_NE(second, third);
     EXPECT_NE(first, third);
-    EXPECT_FALSE(first->isLoaded());
-    EXPECT_FALSE(second->isLoaded());
-    EXPECT_TRUE(third->isLoaded());
+    EXPECT_FALSE(peer(first).isLoaded());
+    EXPECT_FALSE(peer(second).isLoaded());
+    EXPECT_TRUE(peer(third).isLoaded());
     EXPECT_EQ(zelsim::callCount("config"), configsBefore + 2);
     EXPECT_EQ(Controller::getInstance()->getNnLib(), third) << "the current binding is shared";
     EXPECT_TRUE(Controller::getInstance()->heartBeat());
@@ -197,7 +198,7 @@ TEST_F(ControllerTest, BindingHeldAcrossAResetAnswersMinusOne) {
     EXPECT_EQ(held->version(&version), -1);
     EXPECT_EQ(held->teardown(graphId), -1);
     EXPECT_EQ(held->init(&graphId), -1);
-    EXPECT_FALSE(held->isLoaded());
+    EXPECT_FALSE(peer(held).isLoaded());
 
     std::shared_ptr<NnLib> fresh = Controller::getInstance()->getNnLib();
     ASSERT_TRUE(fresh);
@@ -211,7 +212,7 @@ TEST_F(ControllerTest, CloseAndOpenByHand) {
     std::shared_ptr<NnLib> before = Controller::getInstance()->getNnLib();
     zeltest::LogCapture log;
     EXPECT_TRUE(Controller::getInstance()->closeNnLib());
-    EXPECT_FALSE(before->isLoaded());
+    EXPECT_FALSE(peer(before).isLoaded());
     // Without a binding the heartbeat does not get as far as a version line.
     EXPECT_FALSE(Controller::getInstance()->heartBeat());
     EXPECT_EQ(log.startingWith("ZEL version").size(), 0u);

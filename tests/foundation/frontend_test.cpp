@@ -11,6 +11,7 @@
 #include "foundation_support.h"
 #include "log_capture.h"
 #include "zel_accelerator.h"
+#include "zel_test_peers.h"
 #include "zel_utils.h"
 #include "zelhost/execution.h"
 #include "zelhost/host_graph.h"
@@ -124,9 +125,9 @@ TEST_F(FrontEnd, CreateGivesAPreparedExecutorThatReleaseTearsDown) {
     ASSERT_EQ(result.status, Status::SUCCESS);
     ASSERT_NE(result.executor, nullptr);
     auto* executor = static_cast<ZelExecutor*>(result.executor);
-    EXPECT_EQ(executor->performance(), ExecutionPerformance::LOW_POWER);
+    EXPECT_EQ(peer(executor).performance(), ExecutionPerformance::LOW_POWER);
     const int graphId = zelsim::lastGraphId();
-    EXPECT_EQ(static_cast<int>(executor->graphId()), graphId);
+    EXPECT_EQ(static_cast<int>(peer(executor).graphId()), graphId);
     EXPECT_TRUE(zelsim::graphPrepared(graphId));
     EXPECT_EQ(withoutWorkerLines(log.texts()).back(), "Out ZelAccelerator::createGraphExecutor()");
     result.executor->release();
@@ -134,7 +135,7 @@ TEST_F(FrontEnd, CreateGivesAPreparedExecutorThatReleaseTearsDown) {
 
     ZelExecutor* noContext = ZelExecutor::create(&relu.graph, nullptr);
     ASSERT_NE(noContext, nullptr);
-    EXPECT_EQ(noContext->performance(), ExecutionPerformance::SUSTAINED_SPEED);
+    EXPECT_EQ(peer(noContext).performance(), ExecutionPerformance::SUSTAINED_SPEED);
     noContext->release();
 }
 

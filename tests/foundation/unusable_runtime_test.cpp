@@ -11,6 +11,7 @@
 #include "foundation_support.h"
 #include "log_capture.h"
 #include "zel_accelerator.h"
+#include "zel_test_peers.h"
 #include "zel_utils.h"
 
 namespace zel = arv::nnhal::zel;
@@ -41,8 +42,8 @@ TEST(UnusableRuntime, LoadLogsOneLineAndLeavesAnEmptyTable) {
     std::shared_ptr<zel::NnLib> lib = zel::NnLib::makeNnLib();
     ASSERT_TRUE(lib);
     expectTheOneLine(log);
-    EXPECT_FALSE(lib->isLoaded());
-    EXPECT_FALSE(lib->hasVersion());
+    EXPECT_FALSE(peer(lib).isLoaded());
+    EXPECT_FALSE(peer(lib).hasVersion());
     foundation::expectEveryWrapperFails(*lib);
 }
 

@@ -16,6 +16,7 @@
 #include "foundation_support.h"
 #include "log_capture.h"
 #include "zel_accelerator.h"
+#include "zel_test_peers.h"
 
 namespace zel = arv::nnhal::zel;
 using std::chrono::microseconds;
@@ -62,7 +63,7 @@ protected:
         EXPECT_EQ(mLog.count(kPowerSaveFailure), applied);
     }
 
-    VotingThread* thread() { return mLib->votingThread(); }
+    VotingThread* thread() { return peer(mLib).votingThread(); }
 
     // "Voting <level> <address of the thread>".
     std::string voteLine(VotingThread::VoteType level) {
@@ -77,7 +78,7 @@ protected:
     // everything due no later than it.
     void settle() {
         ++mMarkers;
-        ASSERT_TRUE(mLib->votingThread()->enqueueVote(UINT64_MAX - mMarkers, VotingThread::UP));
+        ASSERT_TRUE(peer(mLib).votingThread()->enqueueVote(UINT64_MAX - mMarkers, VotingThread::UP));
         ASSERT_TRUE(foundation::waitFor([&] { return mLog.count("Voting message not handled: 0") == mMarkers; }));
     }
 
@@ -103,15 +104,15 @@ TEST_F(Voting, DownVoteIsAppliedAfterTheReleaseDelay) {
     mLib->asyncVote(a, VotingThread::DOWN);
 
     advance(seconds(5) - microseconds(1));
-    EXPECT_EQ(thread()->tokenCount(a), 1);
+    EXPECT_EQ(peer(thread()).tokenCount(a), 1);
     EXPECT_EQ(votes(VotingThread::DOWN), 0u);
 
     advance(microseconds(1));
-    EXPECT_EQ(thread()->tokenCount(a), 0);
+    EXPECT_EQ(peer(thread()).tokenCount(a), 0);
     EXPECT_EQ(votes(VotingThread::DOWN), 1u);
     // The pending timeout went with the last up vote.
-    EXPECT_EQ(thread()->queueSize(), 0u);
-    EXPECT_EQ(thread()->tokenTotal(), 1u);
+    EXPECT_EQ(peer(thread()).queueSize(), 0u);
+    EXPECT_EQ(peer(thread()).tokenTotal(), 1u);
 }
 
 TEST_F(Voting, PowerGoesDownOnlyWhenTheLastUpVoteIsGivenBack) {
@@ -120,11 +121,11 @@ TEST_F(Voting, PowerGoesDownOnlyWhenTheLastUpVoteIsGivenBack) {
     voteAndSettle(a, VotingThread::UP);
     voteAndSettle(b, VotingThread::UP);
     EXPECT_EQ(votes(VotingThread::UP), 1u) << "the second up vote is not applied again";
-    EXPECT_EQ(thread()->queueSize(), 2u);  // one pending timeout per token
+    EXPECT_EQ(peer(thread()).queueSize(), 2u);  // one pending timeout per token
     voteAndSettle(a, VotingThread::DOWN);
     advance(seconds(5));
     EXPECT_EQ(votes(VotingThread::DOWN), 0u);
-    EXPECT_EQ(thread()->tokenCount(a), 0);
+    EXPECT_EQ(peer(thread()).tokenCount(a), 0);
     voteAndSettle(b, VotingThread::DOWN);
     advance(seconds(5));
     EXPECT_EQ(votes(VotingThread::DOWN), 1u);
@@ -138,12 +139,12 @@ TEST_F(Voting, TimeoutErasesTheTokenAndVotesDown) {
     voteAndSettle(a, VotingThread::UP);
 
     advance(seconds(60) - microseconds(1));
-    EXPECT_EQ(thread()->tokenCount(a), 1);
+    EXPECT_EQ(peer(thread()).tokenCount(a), 1);
     EXPECT_EQ(votes(VotingThread::DOWN), 0u);
 
     advance(microseconds(1));
-    EXPECT_EQ(thread()->tokenCount(a), -1);
-    EXPECT_EQ(thread()->tokenTotal(), 0u);
+    EXPECT_EQ(peer(thread()).tokenCount(a), -1);
+    EXPECT_EQ(peer(thread()).tokenTotal(), 0u);
     EXPECT_EQ(votes(VotingThread::DOWN), 1u);
 
     // The late down vote of the timed-out token is only logged.
@@ -154,7 +155,7 @@ TEST_F(Voting, TimeoutErasesTheTokenAndVotesDown) {
 
     // Releasing it now is ignored at once.
     mLib->releaseVotingToken(a);
-    EXPECT_EQ(thread()->queueSize(), 0u);
+    EXPECT_EQ(peer(thread()).queueSize(), 0u);
 }
 
 TEST_F(Voting, AnotherUpVoteRenewsTheTimeout) {
@@ -162,12 +163,12 @@ TEST_F(Voting, AnotherUpVoteRenewsTheTimeout) {
     voteAndSettle(a, VotingThread::UP);
     advance(seconds(30));
     voteAndSettle(a, VotingThread::UP);
-    EXPECT_EQ(thread()->queueSize(), 1u);  // the old timeout was replaced
+    EXPECT_EQ(peer(thread()).queueSize(), 1u);  // the old timeout was replaced
 
     advance(seconds(30) + microseconds(1));
-    EXPECT_EQ(thread()->tokenCount(a), 2);
+    EXPECT_EQ(peer(thread()).tokenCount(a), 2);
     advance(seconds(30));
-    EXPECT_EQ(thread()->tokenCount(a), -1);
+    EXPECT_EQ(peer(thread()).tokenCount(a), -1);
     EXPECT_EQ(votes(VotingThread::UP), 1u);
     EXPECT_EQ(votes(VotingThread::DOWN), 1u);
 }
@@ -185,30 +186,31 @@ TEST_F(Voting, ThousandsOfPendingVotesKeepOneTimeoutPerToken) {
         mLib->asyncVote(a, VotingThread::DOWN);
     }
     voteAndSettle(b, VotingThread::UP);
-    EXPECT_EQ(thread()->tokenCount(a), 2001);
-    EXPECT_EQ(thread()->queuedCount(VotingThread::Message::DOWN_VOTE), 2000u);
-    EXPECT_EQ(thread()->queuedCount(VotingThread::Message::DOWN_VOTE_TIMEOUT), 2u);
+    EXPECT_EQ(peer(thread()).tokenCount(a), 2001);
+    EXPECT_EQ(peer(thread()).queuedCount(VotingThread::Message::DOWN_VOTE), 2000u);
+    EXPECT_EQ(peer(thread()).queuedCount(VotingThread::Message::DOWN_VOTE_TIMEOUT), 2u);
 
     advance(seconds(5));
-    EXPECT_EQ(thread()->tokenCount(a), 1);
-    EXPECT_EQ(thread()->queueSize(), 2u);  // the two timeouts
+    EXPECT_EQ(peer(thread()).tokenCount(a), 1);
+    EXPECT_EQ(peer(thread()).queueSize(), 2u);  // the two timeouts
     EXPECT_EQ(votes(VotingThread::UP), 1u);
     EXPECT_EQ(votes(VotingThread::DOWN), 0u);
 
     voteAndSettle(b, VotingThread::DOWN);
     advance(seconds(5));
-    EXPECT_EQ(thread()->queuedCount(VotingThread::Message::DOWN_VOTE_TIMEOUT), 1u) << "b's timeout went with its vote";
+    EXPECT_EQ(peer(thread()).queuedCount(VotingThread::Message::DOWN_VOTE_TIMEOUT), 1u)
+        << "b's timeout went with its vote";
     EXPECT_EQ(votes(VotingThread::DOWN), 0u) << "a still holds a vote";
     voteAndSettle(a, VotingThread::DOWN);
     advance(seconds(5));
     EXPECT_EQ(votes(VotingThread::DOWN), 1u);
-    EXPECT_EQ(thread()->queueSize(), 0u);
+    EXPECT_EQ(peer(thread()).queueSize(), 0u);
 }
 
 TEST_F(Voting, InvalidVoteTypeIsRefusedWithOneErrorLine) {
     const uint64_t a = mLib->generateVotingToken();
     EXPECT_FALSE(thread()->enqueueVote(a, static_cast<VotingThread::VoteType>(5)));
-    EXPECT_EQ(thread()->queueSize(), 0u);
+    EXPECT_EQ(peer(thread()).queueSize(), 0u);
     EXPECT_THAT(mLog.errors(), testing::ElementsAre("Invalid vote type: 5"));
 
     // Through the binding the result is dropped, the line stays.
@@ -231,7 +233,7 @@ TEST_F(Voting, SameDueTimeReleaseThenDownIsHandledInQueueingOrder) {
     mLib->releaseVotingToken(a);
     mLib->asyncVote(a, VotingThread::DOWN);
     advance(seconds(5));
-    EXPECT_EQ(thread()->tokenCount(a), -1);
+    EXPECT_EQ(peer(thread()).tokenCount(a), -1);
     EXPECT_EQ(mLog.count("Voting message not handled: 1"), 1u);
     EXPECT_EQ(votes(VotingThread::DOWN), 0u);
 }
@@ -245,20 +247,20 @@ TEST_F(Voting, SameDueTimeDownThenReleaseIsHandledInQueueingOrder) {
     mLib->asyncVote(a, VotingThread::DOWN);
     mLib->releaseVotingToken(a);
     advance(seconds(5));
-    EXPECT_EQ(thread()->tokenCount(a), -1);
+    EXPECT_EQ(peer(thread()).tokenCount(a), -1);
     EXPECT_EQ(mLog.count("Voting message not handled: 1"), 0u);
     EXPECT_EQ(votes(VotingThread::DOWN), 0u);
     // Only b's timeout is left.
-    EXPECT_EQ(thread()->queueSize(), 1u);
+    EXPECT_EQ(peer(thread()).queueSize(), 1u);
 }
 
 TEST_F(Voting, ReleasingAnIdleTokenErasesItLaterWithoutAVote) {
     const uint64_t a = mLib->generateVotingToken();
     mLib->releaseVotingToken(a);
     advance(seconds(5) - microseconds(1));
-    EXPECT_EQ(thread()->tokenCount(a), 0);
+    EXPECT_EQ(peer(thread()).tokenCount(a), 0);
     advance(microseconds(1));
-    EXPECT_EQ(thread()->tokenCount(a), -1);
+    EXPECT_EQ(peer(thread()).tokenCount(a), -1);
     EXPECT_TRUE(mLog.startingWith("Voting 0").empty());
     EXPECT_EQ(votes(VotingThread::DOWN), 0u);
     EXPECT_EQ(mLog.count(kPowerSaveFailure), 0u);
@@ -269,7 +271,7 @@ TEST_F(Voting, ReleasingAHoldingTokenVotesDownAndItsTimeoutIsLogged) {
     voteAndSettle(a, VotingThread::UP);
     mLib->releaseVotingToken(a);
     advance(seconds(5));
-    EXPECT_EQ(thread()->tokenCount(a), -1);
+    EXPECT_EQ(peer(thread()).tokenCount(a), -1);
     EXPECT_EQ(votes(VotingThread::DOWN), 1u);
     advance(seconds(55));
     EXPECT_EQ(mLog.count("Token down vote timedout but already released : " + std::to_string(a)), 1u);
@@ -282,7 +284,7 @@ TEST_F(Voting, ReleaseAfterTheTimeoutIsLogged) {
     advance(seconds(56));
     mLib->releaseVotingToken(a);  // due at 61 s, after the timeout
     advance(seconds(4));
-    EXPECT_EQ(thread()->tokenCount(a), -1);
+    EXPECT_EQ(peer(thread()).tokenCount(a), -1);
     advance(seconds(1));
     EXPECT_EQ(mLog.count("Token released but already timed out: " + std::to_string(a)), 1u);
     EXPECT_EQ(votes(VotingThread::DOWN), 1u);
@@ -294,11 +296,11 @@ TEST_F(Voting, UnmatchedDownVoteWrapsTheCount) {
     mLib->asyncVote(a, VotingThread::DOWN);
     advance(seconds(5));
     // Still known, but no longer idle: b's up vote finds a busy set.
-    EXPECT_EQ(thread()->tokenTotal(), 2u);
+    EXPECT_EQ(peer(thread()).tokenTotal(), 2u);
     EXPECT_EQ(votes(VotingThread::DOWN), 0u);
     voteAndSettle(b, VotingThread::UP);
     EXPECT_EQ(votes(VotingThread::UP), 0u);
-    EXPECT_EQ(thread()->tokenCount(b), 1);
+    EXPECT_EQ(peer(thread()).tokenCount(b), 1);
 }
 
 TEST_F(Voting, TokensAreUniqueAcrossBindings) {
@@ -313,8 +315,8 @@ TEST_F(Voting, TokensAreUniqueAcrossBindings) {
             last = token;
         }
     }
-    EXPECT_EQ(thread()->tokenTotal(), 4u);
-    EXPECT_EQ(other.votingThread()->tokenTotal(), 4u);
+    EXPECT_EQ(peer(thread()).tokenTotal(), 4u);
+    EXPECT_EQ(peer(peer(other).votingThread()).tokenTotal(), 4u);
 }
 
 TEST_F(Voting, WorkerStartsOnceAndSaysGoodbye) {
@@ -329,7 +331,7 @@ TEST_F(Voting, WorkerStartsOnceAndSaysGoodbye) {
 }
 
 TEST_F(Voting, ExitStopsTheWorkerAndTheDestructorStillJoins) {
-    mLib->votingThread()->exit();
+    peer(mLib).votingThread()->exit();
     const uint64_t a = mLib->generateVotingToken();
     mLib->asyncVote(a, VotingThread::UP);
     EXPECT_EQ(mLog.count("Closing VotingThread ..."), 1u);
@@ -347,13 +349,13 @@ TEST(VotingSystemClock, ShortReleaseDelayIsHonoured) {
     NnLib lib(delays);
     const uint64_t a = lib.generateVotingToken();
     lib.asyncVote(a, VotingThread::UP);
-    ASSERT_TRUE(foundation::waitFor([&] { return lib.votingThread()->tokenCount(a) == 1; }));
+    ASSERT_TRUE(foundation::waitFor([&] { return peer(peer(lib).votingThread()).tokenCount(a) == 1; }));
     const auto cast = std::chrono::steady_clock::now();
     lib.asyncVote(a, VotingThread::DOWN);
-    ASSERT_TRUE(foundation::waitFor([&] { return lib.votingThread()->tokenCount(a) == 0; }));
+    ASSERT_TRUE(foundation::waitFor([&] { return peer(peer(lib).votingThread()).tokenCount(a) == 0; }));
     EXPECT_GE(std::chrono::steady_clock::now() - cast, milliseconds(29));
     EXPECT_EQ(log.countContaining("Voting 2147483647 0x"), 1u);
-    EXPECT_EQ(lib.votingThread()->queueSize(), 0u);
+    EXPECT_EQ(peer(peer(lib).votingThread()).queueSize(), 0u);
 }
 
 }  // namespace

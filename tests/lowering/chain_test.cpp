@@ -6,6 +6,7 @@
 #include "lowering_support.h"
 #include "zel_operations_check_quant8.h"
 #include "zel_operations_prepare_quant8.h"
+#include "zel_test_peers.h"
 
 namespace lowering {
 namespace {
@@ -59,7 +60,7 @@ TEST_P(ChainTest, SupportedGraphLowersToTheExpectedNodes) {
     EXPECT_EQ(GetParam().chain.size() + 4, zelsim::nodes(static_cast<int>(model->graphId())).size());
 
     model = build(graph);
-    for (uint32_t out : model->graphOutputs()) model->operands()[out].dequantizeOutput = false;
+    for (uint32_t out : peer(*model).graphOutputs()) model->operands()[out].dequantizeOutput = false;
     EXPECT_TRUE(model->prepare(kSpeed)) << zelsim::lastError(model->graphId());
     expectChain(static_cast<int>(model->graphId()), GetParam().chain);
 }

@@ -8,6 +8,7 @@
 #include "lowering_support.h"
 #include "zel_operations_prepare_float32.h"
 #include "zel_operations_prepare_quant8.h"
+#include "zel_test_peers.h"
 
 namespace lowering {
 namespace {
@@ -337,7 +338,7 @@ TEST_P(DirectTest, AppendsTheExpectedNodes) {
     EXPECT_TRUE(allAccepted(id));
     EXPECT_EQ(std::vector<std::string>{}, errorTexts());
     // Every output of the operation now names the last node.
-    for (uint32_t out : op.outs) EXPECT_EQ(model->lastNodeId(), model->operands()[out].kestrel_input.src_id);
+    for (uint32_t out : op.outs) EXPECT_EQ(peer(*model).lastNodeId(), model->operands()[out].kestrel_input.src_id);
 }
 
 INSTANTIATE_TEST_SUITE_P(Quant8, DirectTest, ::testing::ValuesIn(quant8Cases()),

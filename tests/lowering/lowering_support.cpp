@@ -3,6 +3,7 @@
 #include <stdexcept>
 
 #include "zel_kestrel_runtime.h"
+#include "zel_test_peers.h"
 
 namespace lowering {
 
@@ -31,7 +32,7 @@ std::unique_ptr<ZelModel> LoweringTest::attached(HostGraph& graph, const std::fu
         ADD_FAILURE() << "the runtime gives no graph";
         return nullptr;
     }
-    model->setGraphIdForTest(static_cast<uint32_t>(id));
+    peer(*model).setGraphId(static_cast<uint32_t>(id));
     if (beforeInputs) beforeInputs(*model);
     EXPECT_TRUE(model->addInputs());
     return model;

@@ -14,6 +14,7 @@
 
 #include "log_capture.h"
 #include "reliability_support.h"
+#include "zel_test_peers.h"
 #include "zelhost/model_zoo.h"
 #include "zelsim/control.h"
 
@@ -40,19 +41,19 @@ const std::vector<std::string> kBuildEntries = {
 // runtime binding whose voting clock does not move.
 class VoteLedger {
 public:
-    VoteLedger() : mLib(reltest::freshRuntime()), mVotes(mLib->votingThread()) {
+    VoteLedger() : mLib(reltest::freshRuntime()), mVotes(peer(mLib).votingThread()) {
         // Tokens are handed out one after the other in the process: the
         // next model's is the one after this probe.
         mModelToken = mLib->generateVotingToken() + 1;
     }
     // Up votes the model holds (all up votes are handled without delay).
     int64_t ups() {
-        EXPECT_TRUE(reltest::waitFor([this] { return mVotes->queuedCount(VotingThread::Message::UP_VOTE) == 0; }));
-        return mVotes->tokenCount(mModelToken);
+        EXPECT_TRUE(reltest::waitFor([this] { return peer(mVotes).queuedCount(VotingThread::Message::UP_VOTE) == 0; }));
+        return peer(mVotes).tokenCount(mModelToken);
     }
     // Down votes queued (they wait for the frozen clock).
-    size_t downs() { return mVotes->queuedCount(VotingThread::Message::DOWN_VOTE); }
-    size_t tokenReleases() { return mVotes->queuedCount(VotingThread::Message::TOKEN_RELEASE); }
+    size_t downs() { return peer(mVotes).queuedCount(VotingThread::Message::DOWN_VOTE); }
+    size_t tokenReleases() { return peer(mVotes).queuedCount(VotingThread::Message::TOKEN_RELEASE); }
 
 private:
     std::shared_ptr<reltest::NnLib> mLib;

@@ -7,6 +7,7 @@
 #include <mutex>
 #include <thread>
 
+#include "zel_test_peers.h"
 #include "zelsim/control.h"
 
 namespace reltest {
@@ -32,14 +33,14 @@ Accelerator::~Accelerator() {
 void useFrozenVotingClock() {
     VotingThread::Delays delays;  // production delays, frozen clock
     delays.clock = &frozenNow;
-    NnLib::setDelaysForTest(delays);
+    arv::nnhal::zel::NnLibTestPeer::setDelays(delays);
 }
 
 void useShortVotingDelays(std::chrono::microseconds release, std::chrono::microseconds timeout) {
     VotingThread::Delays delays;
     delays.release = release;
     delays.timeout = timeout;
-    NnLib::setDelaysForTest(delays);
+    arv::nnhal::zel::NnLibTestPeer::setDelays(delays);
 }
 
 std::shared_ptr<NnLib> freshRuntime() {

@@ -9,6 +9,7 @@
 #include <cstdio>
 
 #include "reliability_support.h"
+#include "zel_test_peers.h"
 #include "zelsim/control.h"
 
 using namespace arv::nnhal;
@@ -85,7 +86,7 @@ TEST(Soak, TenThousandCyclesKeepResidentMemoryFlat) {
                 static_cast<unsigned long long>(start), kWarmUp, static_cast<unsigned long long>(half), kCycles / 2,
                 static_cast<unsigned long long>(end), kCycles, kSanitized ? " (sanitizer build: not judged)" : "");
 
-    arv::nnhal::zel::NnLib::setDelaysForTest(arv::nnhal::zel::VotingThread::Delays{});
+    arv::nnhal::zel::NnLibTestPeer::setDelays(arv::nnhal::zel::VotingThread::Delays{});
 
     EXPECT_EQ(counts.createFailures, 0);
     EXPECT_EQ(counts.executeFailures, 0);

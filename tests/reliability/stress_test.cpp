@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "reliability_support.h"
+#include "zel_test_peers.h"
 #include "zelsim/control.h"
 
 using namespace arv::nnhal;
@@ -138,7 +139,7 @@ TEST(ConcurrencyStress, ExecutorsSurviveRuntimeResets) {
     // runtime whose up votes do not time out during the check.
     reltest::useShortVotingDelays(std::chrono::microseconds(300), std::chrono::seconds(60));
     std::shared_ptr<reltest::NnLib> lib = reltest::freshRuntime();
-    reltest::VotingThread* votes = lib->votingThread();
+    reltest::VotingThread* votes = peer(lib).votingThread();
     // Graphs of models whose runtime was closed under them stay in the
     // simulator: their teardown found the closed binding (on a device the
     // closed runtime took them with it). Only the graphs from here on count.
@@ -178,25 +179,25 @@ TEST(ConcurrencyStress, ExecutorsSurviveRuntimeResets) {
     // The token map, once every vote cast so far is handled: one token per
     // living executor, none of them holding an up vote.
     EXPECT_TRUE(reltest::waitFor([votes] {
-        return votes->queuedCount(reltest::VotingThread::Message::UP_VOTE) == 0 &&
-               votes->queuedCount(reltest::VotingThread::Message::DOWN_VOTE) == 0;
+        return peer(votes).queuedCount(reltest::VotingThread::Message::UP_VOTE) == 0 &&
+               peer(votes).queuedCount(reltest::VotingThread::Message::DOWN_VOTE) == 0;
     }));
     int living = 0;
     for (uint64_t token = firstToken + 1; token < lastToken; ++token) {
-        const int64_t count = votes->tokenCount(token);
+        const int64_t count = peer(votes).tokenCount(token);
         if (count < 0) continue;
         ++living;
         EXPECT_EQ(count, 0) << "token " << token;
     }
     EXPECT_EQ(living, kWorkers);
-    EXPECT_EQ(votes->tokenTotal(), static_cast<size_t>(kWorkers) + 2);  // and the two probes
+    EXPECT_EQ(peer(votes).tokenTotal(), static_cast<size_t>(kWorkers) + 2);  // and the two probes
 
     // Released, every token is given back.
     for (IGraphExecutor* executor : held) executor->release();
     lib->releaseVotingToken(firstToken);
     lib->releaseVotingToken(lastToken);
-    EXPECT_TRUE(reltest::waitFor([votes] { return votes->queueSize() == 0; }));
-    EXPECT_EQ(votes->tokenTotal(), 0u);
+    EXPECT_TRUE(reltest::waitFor([votes] { return peer(votes).queueSize() == 0; }));
+    EXPECT_EQ(peer(votes).tokenTotal(), 0u);
     EXPECT_EQ(zelsim::liveGraphs(), orphaned);
     accelerator->release();
     zelsim::reset();

@@ -4,6 +4,7 @@
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 
 #include "android/log.h"
 
@@ -20,10 +21,27 @@ zel_log_sink_fn zel_log_set_sink(zel_log_sink_fn sink, void* context) {
     return previous;
 }
 
+/* Hands one finished line to the sink. */
+static void deliver(int prio, const char* tag, const char* text) {
+    pthread_mutex_lock(&g_lock);
+    if (g_sink != NULL) g_sink(prio, tag, text, g_context);
+    pthread_mutex_unlock(&g_lock);
+}
+
 int __android_log_print(int prio, const char* tag, const char* fmt, ...) {
+    va_list args;
+    if (fmt[0] == '%' && fmt[1] == 's' && fmt[2] == '\0') {
+        /* One string argument, the form nearly every caller uses: that
+         * string is the line, and formatting it would only copy it. */
+        va_start(args, fmt);
+        const char* line = va_arg(args, const char*);
+        va_end(args);
+        if (line == NULL) line = "(null)";
+        deliver(prio, tag, line);
+        return (int)strlen(line);
+    }
     char small[512];
     char* text = small;
-    va_list args;
     va_start(args, fmt);
     int needed = vsnprintf(small, sizeof small, fmt, args);
     va_end(args);
@@ -35,9 +53,7 @@ int __android_log_print(int prio, const char* tag, const char* fmt, ...) {
         vsnprintf(text, (size_t)needed + 1, fmt, args);
         va_end(args);
     }
-    pthread_mutex_lock(&g_lock);
-    if (g_sink != NULL) g_sink(prio, tag, text, g_context);
-    pthread_mutex_unlock(&g_lock);
+    deliver(prio, tag, text);
     if (text != small) free(text);
     return needed;
 }

@@ -203,24 +203,24 @@ def main():
     support_wide_k = 2
     table = Table()
 
-    # 1. Preparation against one memcpy of the constants.
+    # 1. Preparation against what it cannot avoid, measured beside it: the
+    # plug-in's transposes of the filters and weights, and the runtime's own
+    # copy of every constant.
     def prep_ratio():
         prep = t("prepare_passthrough/mobilenet")
         copy = t("memcpy/mobilenet")
         transposes = t("transpose/mobilenet")
         runtime = t("runtime_copy/mobilenet")
-        ratio = prep / copy
-        # What preparation cannot avoid: the plug-in's transposes of the
-        # filters and weights, and the runtime's own copy of every constant.
-        floor = (transposes + runtime) / copy
-        return ("%.2f× (%s against %s for %s). Unavoidable part, measured alone: transposes %.2f× + the "
-                "runtime's copies into fresh buffers %.2f× = %.2f×" %
-                (ratio, seconds(prep), seconds(copy), si(c("prepare", "mobilenet", 2)["bytes"], "B"),
-                 transposes / copy, runtime / copy, floor),
-                ratio <= 3.0)
+        floor = transposes + runtime
+        ratio = prep / floor
+        return ("%.2f× (%s against %s: transposes %s + the runtime's copies into fresh buffers %s). Against one "
+                "memcpy of its %s of constants (%s): preparation %.2f×, the unavoidable part %.2f×" %
+                (ratio, seconds(prep), seconds(floor), seconds(transposes), seconds(runtime),
+                 si(c("prepare", "mobilenet", 2)["bytes"], "B"), seconds(copy), prep / copy, floor / copy),
+                ratio <= 1.5)
 
-    table.add("1", "Pass-through preparation of MobileNet ÷ one memcpy of its constants (CPU time)", "≤ 3×",
-              prep_ratio)
+    table.add("1", "Pass-through preparation of MobileNet ÷ its unavoidable part, measured alone (CPU time)",
+              "≤ 1.5×", prep_ratio)
 
     def validated_ratio():
         prep = t("prepare_validated/mobilenet")
@@ -324,17 +324,17 @@ def main():
         return flat(values, lambda v: "%.2f" % v, "instructions/byte")
 
     def prep_per_byte_time():
-        values = []
-        for w in wides:
-            values.append(t("prepare_passthrough/" + w) / c("prepare", w, 1)["bytes"])
-        ratio = [t("prepare_passthrough/" + w) / t("memcpy/" + w) for w in wides]
+        per_byte = [t("prepare_passthrough/" + w) / c("prepare", w, 1)["bytes"] * 1e9 for w in wides]
         copies = [t("memcpy/" + w) / c("prepare", w, 1)["bytes"] * 1e9 for w in wides]
         transposes = [t("transpose/" + w) / c("prepare", w, 1)["bytes"] * 1e9 for w in wides]
-        text, ok = flat([v * 1e9 for v in values], lambda v: "%.2f" % v, "ns/byte")
-        return (text + " (%s × memcpy of the same size). For comparison, memcpy alone: %s ns/byte (%.2f×); "
-                "the transpose alone: %s ns/byte (%.2f×)" %
-                (" / ".join("%.1f" % x for x in ratio), " / ".join("%.2f" % x for x in copies), growth(copies),
-                 " / ".join("%.2f" % x for x in transposes), growth(transposes)), ok)
+        ratio = growth(per_byte) / growth(copies)
+        return ("growth %.2f× ÷ memcpy's %.2f× = %.2f×. Preparation %s ns/byte (%s × memcpy of the same size); "
+                "memcpy alone %s ns/byte; the transpose alone %s ns/byte (growth %.2f×)" %
+                (growth(per_byte), growth(copies), ratio, " / ".join("%.2f" % v for v in per_byte),
+                 " / ".join("%.1f" % (p / m) for p, m in zip(per_byte, copies)),
+                 " / ".join("%.2f" % v for v in copies), " / ".join("%.2f" % v for v in transposes),
+                 growth(transposes)),
+                ratio <= 1.5)
 
     def support_wide():
         values = []
@@ -345,7 +345,8 @@ def main():
 
     table.add("6e", "Preparation per byte, one weight of 1 / 10 / 100 MB (instructions)", "flat, ≤ 2×",
               prep_per_byte_instr)
-    table.add("6f", "Preparation per byte, same weights (CPU time)", "flat, ≤ 2×", prep_per_byte_time)
+    table.add("6f", "Preparation per byte, same weights (CPU time): its growth ÷ the growth of memcpy",
+              "≤ 1.5×", prep_per_byte_time)
     table.add("6g", "Support query, same weights (instructions per query)", "flat, ≤ 2×", support_wide)
 
     def voting_growth():

@@ -3,11 +3,13 @@
 #include "zel_model.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cstring>
 #include <exception>
 #include <initializer_list>
 #include <limits>
 #include <string>
+#include <type_traits>
 
 #include "zel_operations_prepare_quant8.h"
 
@@ -35,6 +37,39 @@ bool isScalar(OperandType type) {
 std::string decimal(uint32_t value) {
     return std::to_string(value);
 }
+
+// A debug line built in a buffer on the stack: the lines logged for every
+// node and constant of a preparation cost no heap. A line too long for the
+// buffer continues in a string.
+class DebugLine {
+public:
+    DebugLine& operator<<(const char* text) { return append(text, std::strlen(text)); }
+    DebugLine& operator<<(const std::string& text) { return append(text.data(), text.size()); }
+    template <typename T, typename = std::enable_if_t<std::is_integral<T>::value>>
+    DebugLine& operator<<(T value) {
+        char digits[24];
+        const std::to_chars_result end = std::to_chars(digits, digits + sizeof(digits), value);
+        return append(digits, static_cast<size_t>(end.ptr - digits));
+    }
+    void log() const { handle_debug_info(mLong.empty() ? mShort : mLong.c_str()); }
+
+private:
+    DebugLine& append(const char* text, size_t length) {
+        if (mLong.empty() && mLength + length < sizeof(mShort)) {
+            std::memcpy(mShort + mLength, text, length);
+            mLength += length;
+            mShort[mLength] = '\0';
+        } else {
+            if (mLong.empty()) mLong.assign(mShort, mLength);
+            mLong.append(text, length);
+        }
+        return *this;
+    }
+
+    char mShort[160] = {};
+    size_t mLength = 0;
+    std::string mLong;
+};
 
 // Record of a float range value (min or max of a quantized value).
 output rangeRecord() {
@@ -345,7 +380,7 @@ input ZelModel::createTensorInternal(uint32_t batches, uint32_t height, uint32_t
     const int rc =
         mNnLib ? mNnLib->append_const_node(static_cast<int>(mGraphId), id, batches, height, width, depth, data, length)
                : -1;
-    handle_debug_info("Create const node, id: " + decimal(id));
+    (DebugLine() << "Create const node, id: " << id).log();
     if (rc != 0) {
         ZEL_LOG_LOCATED("Failed to create tensor");
         return input{};
@@ -383,12 +418,13 @@ const input& ZelModel::getTensor(uint32_t index) {
     if (!checkOperand(index)) return kNoInput;
     OperandInfo& operand = mOperands[index];
     if (operand.kestrel_input == input{}) {
-        handle_debug_info("Input operand with index " + decimal(index) +
-                          " is an input operand. Creating input internal node ...");
+        (DebugLine() << "Input operand with index " << index
+                     << " is an input operand. Creating input internal node ...")
+            .log();
         operand.kestrel_input = addOperand(index);
     } else {
-        handle_debug_info("Input operand with index " + decimal(index) +
-                          " is not an input operand, directly return it ...");
+        (DebugLine() << "Input operand with index " << index << " is not an input operand, directly return it ...")
+            .log();
     }
     return operand.kestrel_input;
 }
@@ -404,7 +440,7 @@ const input& ZelModel::getQuantizationMin(uint32_t index) {
         base = static_cast<float>(-static_cast<int64_t>(operand.zeroPoint));  // +0.0 for zero point 0
     }
     const float value = operand.scale * base;
-    handle_debug_info("Added quantization min node for operand: " + decimal(index));
+    (DebugLine() << "Added quantization min node for operand: " << index).log();
     // A failed creation is stored as {0,0} and so retried next time.
     operand.quantMin = createFloatConstant(value);
     return operand.quantMin;
@@ -422,7 +458,7 @@ const input& ZelModel::getQuantizationMax(uint32_t index) {
         base = static_cast<float>(static_cast<int64_t>(255) - operand.zeroPoint);
     }
     const float value = operand.scale * base;
-    handle_debug_info("Added quantization max node for operand: " + decimal(index));
+    (DebugLine() << "Added quantization max node for operand: " << index).log();
     operand.quantMax = createFloatConstant(value);
     return operand.quantMax;
 }
@@ -513,7 +549,7 @@ input ZelModel::createFullyConnectedWeightTensor(uint32_t index) {
 input ZelModel::createQuantizationValue(uint32_t index, int32_t value) {
     if (!checkOperand(index)) return input{};
     const OperandInfo& operand = mOperands[index];
-    handle_debug_info("Create quantization value, operand: " + decimal(index) + ", value: " + std::to_string(value));
+    (DebugLine() << "Create quantization value, operand: " << index << ", value: " << value).log();
     // 32-bit subtraction with wrap-around, then a single-precision product.
     const int32_t steps = static_cast<int32_t>(static_cast<uint32_t>(value) - static_cast<uint32_t>(operand.zeroPoint));
     return createFloatConstant(operand.scale * static_cast<float>(steps));
@@ -567,7 +603,7 @@ bool ZelModel::addInputs() {
     handle_debug_info("Input node size: " + std::to_string(mInputs.size()));
     std::vector<output> outputs;
     for (uint32_t index : mInputs) {
-        handle_debug_info("Operand index: " + decimal(index));
+        (DebugLine() << "Operand index: " << index).log();
         if (!checkOperand(index)) return false;
         const OperandInfo& operand = mOperands[index];
         // One slot per graph input whatever its type: its range is made
@@ -588,7 +624,7 @@ bool ZelModel::addOutputs() {
     handle_debug_info("Output operand size: " + std::to_string(mOutputs.size()));
     std::vector<input> inputs;
     for (uint32_t index : mOutputs) {
-        handle_debug_info("Operand id: " + decimal(index));
+        (DebugLine() << "Operand id: " << index).log();
         if (!checkOperand(index)) return false;
         OperandInfo& operand = mOperands[index];
         ZEL_CHECK_NE(operand.kestrel_input, kestrel_zel_nn_input{}, false, "output operand has not been registered");
@@ -649,8 +685,8 @@ uint32_t ZelModel::addOperationInternal(zel_op_type_enum op, int32_t padding, co
                                                 static_cast<unsigned int>(inputs.size()), outputs.data(),
                                                 static_cast<unsigned int>(outputs.size()))
                           : -1;
-    handle_debug_info("Appended internal node, operation type: " + toString(op) +
-                      ", node id: " + decimal(rc == 0 ? id : 0));
+    (DebugLine() << "Appended internal node, operation type: " << toString(op) << ", node id: " << (rc == 0 ? id : 0))
+        .log();
     return rc == 0 ? id : 0;
 }
 
@@ -1110,17 +1146,17 @@ bool ZelModel::addOperations() {
 
         std::vector<uint32_t> ins;
         const uint32_t numInputs = operation->getNumInputs();
-        handle_debug_info("Operation input size: " + decimal(numInputs));
+        (DebugLine() << "Operation input size: " << numInputs).log();
         for (uint32_t j = 0; j < numInputs; ++j) {
             ins.push_back(operation->getInput(j));
-            handle_debug_info("Get input operand: " + decimal(ins.back()));
+            (DebugLine() << "Get input operand: " << ins.back()).log();
         }
         std::vector<uint32_t> outs;
         const uint32_t numOutputs = operation->getNumOutputs();
-        handle_debug_info("Operation output size: " + decimal(numOutputs));
+        (DebugLine() << "Operation output size: " << numOutputs).log();
         for (uint32_t j = 0; j < numOutputs; ++j) {
             outs.push_back(operation->getOutput(j));
-            handle_debug_info("Get output operand: " + decimal(outs.back()));
+            (DebugLine() << "Get output operand: " << outs.back()).log();
         }
 
         if (!validOperands(ins, "Input") || !validOperands(outs, "Output") || !scalarsHaveData(ins)) return false;

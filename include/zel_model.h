@@ -229,8 +229,14 @@ private:
     std::vector<kestrel_zel_nn_tensordef> mExecutionOutputs;
     // Transposed filters and weights on their way to the runtime; freed
     // when preparation ends.
-    std::unique_ptr<uint8_t[]> mTransposeBuffer;
+    struct TransposeBufferDelete {
+        bool huge;  // allocated aligned to a huge page
+        void operator()(uint8_t* buffer) const;
+    };
+    std::unique_ptr<uint8_t[], TransposeBufferDelete> mTransposeBuffer;
     size_t mTransposeBufferSize = 0;
+    // Replaces the transpose buffer by one of `bytes` (none for 0).
+    void resizeTransposeBuffer(size_t bytes);
 };
 
 // Byte and float transposes of a row-major rows x cols matrix.

@@ -2,12 +2,15 @@
 // node construction, and the build / prepare / execute life of one graph.
 #include "zel_model.h"
 
+#include <sys/mman.h>
+
 #include <algorithm>
 #include <charconv>
 #include <cstring>
 #include <exception>
 #include <initializer_list>
 #include <limits>
+#include <new>
 #include <string>
 #include <type_traits>
 
@@ -482,13 +485,8 @@ bool ZelModel::transposedData(uint32_t index, uint64_t rows, uint64_t cols, cons
     const uint32_t c = static_cast<uint32_t>(cols);
     // One buffer serves every transpose of a preparation: the runtime has
     // taken its copy before the next constant is transposed, and a buffer
-    // written moments ago is still in the cache. Left uninitialised: the
-    // transpose writes every byte once.
-    if (mTransposeBufferSize < needed) {
-        mTransposeBuffer.reset();
-        mTransposeBuffer.reset(new uint8_t[static_cast<size_t>(needed)]);
-        mTransposeBufferSize = static_cast<size_t>(needed);
-    }
+    // written moments ago is still in the cache.
+    if (mTransposeBufferSize < needed) resizeTransposeBuffer(static_cast<size_t>(needed));
     uint8_t* buffer = mTransposeBuffer.get();
     if (isFloat) {
         // Host data may sit at any address: copy into aligned floats first.
@@ -1036,8 +1034,7 @@ bool ZelModel::prepare(ExecutionPerformance /*performance*/) {
             ZEL_LOG_LOCATED("Appending nodes failed: " << e.what());
             built = false;
         }
-        mTransposeBuffer.reset();
-        mTransposeBufferSize = 0;
+        resizeTransposeBuffer(0);
 
         if (built) {
             handle_debug_info("Finished append nodes.");
@@ -1078,11 +1075,40 @@ void ZelModel::reserveTransposeBuffer() {
         const uint32_t index = operation->getInput(1);
         if (index < mOperands.size()) largest = std::max<size_t>(largest, mOperands[index].length);
     }
+    resizeTransposeBuffer(largest);
+}
+
+namespace {
+// Buffers from this size up are aligned to a huge page (2 MiB) and the
+// kernel is asked to back them with huge pages: written for the first time,
+// a fresh 100 MB buffer otherwise takes one page fault per 4 KiB.
+constexpr size_t kHugePage = size_t{2} << 20;
+constexpr size_t kHugeBufferBytes = 2 * kHugePage;
+}  // namespace
+
+void ZelModel::TransposeBufferDelete::operator()(uint8_t* buffer) const {
+    if (huge) {
+        ::operator delete[](buffer, std::align_val_t{kHugePage});
+    } else {
+        delete[] buffer;
+    }
+}
+
+void ZelModel::resizeTransposeBuffer(size_t bytes) {
     mTransposeBuffer.reset();
     mTransposeBufferSize = 0;
-    if (largest == 0) return;
-    mTransposeBuffer.reset(new uint8_t[largest]);
-    mTransposeBufferSize = largest;
+    if (bytes == 0) return;
+    // Left uninitialised: each transpose writes every byte it hands on.
+    if (bytes < kHugeBufferBytes) {
+        mTransposeBuffer =
+            std::unique_ptr<uint8_t[], TransposeBufferDelete>(new uint8_t[bytes], TransposeBufferDelete{false});
+    } else {
+        uint8_t* buffer = static_cast<uint8_t*>(::operator new[](bytes, std::align_val_t{kHugePage}));
+        mTransposeBuffer = std::unique_ptr<uint8_t[], TransposeBufferDelete>(buffer, TransposeBufferDelete{true});
+        // Only a hint: without huge pages the buffer works the same.
+        madvise(buffer, bytes, MADV_HUGEPAGE);
+    }
+    mTransposeBufferSize = bytes;
 }
 
 bool ZelModel::operationPreProcess() {

@@ -35,6 +35,40 @@ TEST_F(Constants, ConvolutionFilterBecomesHeightWidthInOut) {
     EXPECT_EQ(Ref(2, 0), ref(model->createConvFilterTensor(f)));
 }
 
+// Every transpose goes to the runtime through one buffer: a filter smaller
+// than the one before it, then a weight of 4 MiB (a buffer aligned for huge
+// pages), each arrives whole and transposed.
+TEST_F(Constants, TransposesInARowEachArriveWhole) {
+    const auto bytes = [](size_t n) {
+        std::vector<uint8_t> data(n);
+        for (size_t i = 0; i < n; ++i) data[i] = static_cast<uint8_t>(i * 131 + (i >> 8) * 7);
+        return data;
+    };
+    struct Matrix {
+        uint32_t index, rows, cols;
+        std::vector<uint8_t> data;
+    };
+    std::vector<Matrix> matrices = {{0, 16, 36, bytes(16 * 36)}, {0, 3, 2, bytes(3 * 2)}, {0, 1024, 4096, {}}};
+    matrices[2].data = bytes(1024 * 4096);
+    matrices[0].index = graph.addQuant8({16, 3, 3, 4}, 0.5f, 0, Lifetime::Constant, matrices[0].data);
+    matrices[1].index = graph.addQuant8({3, 1, 1, 2}, 0.5f, 0, Lifetime::Constant, matrices[1].data);
+    matrices[2].index = graph.addQuant8({1024, 4096}, 0.5f, 0, Lifetime::Constant, matrices[2].data);
+    start();
+    model->createConvFilterTensor(matrices[0].index);
+    model->createConvFilterTensor(matrices[1].index);
+    model->createFullyConnectedWeightTensor(matrices[2].index);
+    const std::vector<zelsim::RecordedNode> nodes = recorded();
+    ASSERT_EQ(3u, nodes.size());
+    for (size_t k = 0; k < 3; ++k) {
+        const Matrix& m = matrices[k];
+        ASSERT_EQ(m.data.size(), nodes[k].data.size()) << k;
+        size_t wrong = 0;
+        for (size_t r = 0; r < m.rows; ++r)
+            for (size_t c = 0; c < m.cols; ++c) wrong += nodes[k].data[c * m.rows + r] != m.data[r * m.cols + c];
+        EXPECT_EQ(0u, wrong) << k;
+    }
+}
+
 // Quantized weights are remembered, float weights are not.
 TEST_F(Constants, FullyConnectedWeightsAreTransposedAndQuantizedOnesKept) {
     const uint32_t w = graph.addQuant8({3, 2}, 0.5f, 0, Lifetime::Constant, iota(6));

@@ -126,7 +126,8 @@ double fromHalf(uint16_t bits) {
     const int exponent = (bits >> 10) & 0x1F;
     const uint32_t mantissa = bits & 0x3FFu;
     if (exponent == 0x1F) {
-        return mantissa != 0 ? std::numeric_limits<double>::quiet_NaN() : sign * std::numeric_limits<double>::infinity();
+        return mantissa != 0 ? std::numeric_limits<double>::quiet_NaN()
+                             : sign * std::numeric_limits<double>::infinity();
     }
     if (exponent == 0) return sign * std::ldexp(static_cast<double>(mantissa), -24);
     return sign * std::ldexp(static_cast<double>(mantissa + 1024u), exponent - 25);

@@ -195,9 +195,9 @@ CaseResult runCase(IAccelerator& accelerator, const std::string& path) {
     const std::vector<int> levels = querySupport(accelerator, graph);
     for (uint32_t i = 0; i < levels.size(); ++i) {
         if (levels[i] != 0) {
-            return {CaseClass::Declined, "operation " + std::to_string(i) + " " +
-                                             operationName(static_cast<int32_t>(graph.operation(i).mType)) + ": " +
-                                             supportLevelName(levels[i])};
+            const int32_t code = static_cast<int32_t>(graph.operation(i).mType);
+            return {CaseClass::Declined, "operation " + std::to_string(i) + " " + operationName(code) + " (code " +
+                                             std::to_string(code) + "): " + supportLevelName(levels[i])};
         }
     }
 

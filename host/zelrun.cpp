@@ -305,7 +305,7 @@ void printPartition(const Partition& partition) {
 
 std::string supportJson(const Options& options, const LoadedModel& model, const std::vector<int>& levels,
                         const Partition& partition) {
-    using nlohmann::json;
+    using json = nlohmann::ordered_json;  // keys in the order written here
     const HostGraph& graph = *model.graph;
     json operations = json::array();
     for (uint32_t i = 0; i < levels.size(); ++i) {

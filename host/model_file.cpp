@@ -460,6 +460,17 @@ private:
                         "unknown lifetime \"" + lifetimeText + "\" (expected input, output, constant or internal)");
         }
 
+        const json* channelField = member(item, where, "channelQuant", false);
+        ChannelQuant channel;
+        if (channelField != nullptr && !parseChannelQuant(*channelField, dot(where, "channelQuant"), dims, channel)) {
+            return false;
+        }
+        if (mStrict && type == kPerChannelType && channelField == nullptr) {
+            return fail(where, "TENSOR_QUANT8_SYMM_PER_CHANNEL operand without \"channelQuant\"");
+        }
+        if (mStrict && type != kPerChannelType && channelField != nullptr) {
+            return fail(dot(where, "channelQuant"), "only TENSOR_QUANT8_SYMM_PER_CHANNEL operands carry it");
+        }
         std::vector<uint8_t> bytes;
         const json* data = member(item, where, "data", false);
         if (data != nullptr) {
@@ -474,17 +485,6 @@ private:
             if (!encodeValues(*data, place, elementKindOf(code), operandTypeName(code), bytes, nullptr)) return false;
         } else if (mStrict && lifetime == Lifetime::Constant) {
             return fail(where, "constant operand without \"data\"");
-        }
-        const json* channelField = member(item, where, "channelQuant", false);
-        ChannelQuant channel;
-        if (channelField != nullptr && !parseChannelQuant(*channelField, dot(where, "channelQuant"), dims, channel)) {
-            return false;
-        }
-        if (mStrict && type == kPerChannelType && channelField == nullptr) {
-            return fail(where, "TENSOR_QUANT8_SYMM_PER_CHANNEL operand without \"channelQuant\"");
-        }
-        if (mStrict && type != kPerChannelType && channelField != nullptr) {
-            return fail(dot(where, "channelQuant"), "only TENSOR_QUANT8_SYMM_PER_CHANNEL operands carry it");
         }
         const uint32_t index =
             graph.addOperand(static_cast<OperandType>(type), std::move(dims), static_cast<float>(scale),

@@ -20,6 +20,64 @@ bool allSupported(const std::vector<int>& levels) {
     return std::all_of(levels.begin(), levels.end(), [](int level) { return level == 0; });
 }
 
+namespace {
+
+uint64_t saturatingAdd(uint64_t a, uint64_t b) {
+    return a > UINT64_MAX - b ? UINT64_MAX : a + b;
+}
+
+// Dimension `d` of operand `index` when it has rank `rank`, else 0.
+uint64_t dimension(const HostGraph& graph, uint32_t index, uint32_t rank, uint32_t d) {
+    const IOperand* operand = graph.getOperand(index);
+    if (operand == nullptr || operand->getDimensionCount() != rank) return 0;
+    return operand->getDimension(d);
+}
+
+}  // namespace
+
+uint64_t operationMacs(const HostGraph& graph, uint32_t index) {
+    const IOperation* operation = graph.getOperation(index);
+    if (operation == nullptr || operation->getNumInputs() < 2 || operation->getNumOutputs() < 1) return 0;
+    const uint32_t filter = operation->getInput(1);
+    uint64_t perOutput = 0;
+    switch (operation->getType()) {
+        case OperationType::CONV_2D:  // filter [depth_out, height, width, depth_in]
+            perOutput =
+                dimension(graph, filter, 4, 1) * dimension(graph, filter, 4, 2) * dimension(graph, filter, 4, 3);
+            break;
+        case OperationType::DEPTHWISE_CONV_2D:  // filter [1, height, width, depth_out]
+            perOutput = dimension(graph, filter, 4, 1) * dimension(graph, filter, 4, 2);
+            break;
+        case OperationType::FULLY_CONNECTED:  // weights [units, input size]
+            perOutput = dimension(graph, filter, 2, 1);
+            break;
+        default: return 0;
+    }
+    // Both factors stay below 2^28 for a loaded model, so the product fits.
+    return perOutput * operandElementCount(graph, operation->getOutput(0));
+}
+
+Partition partitionGraph(const HostGraph& graph, const std::vector<int>& levels) {
+    Partition partition;
+    partition.operations = static_cast<uint32_t>(levels.size());
+    for (uint32_t i = 0; i < levels.size(); ++i) {
+        const bool accelerator = levels[i] == 0;
+        const uint64_t macs = operationMacs(graph, i);
+        if (partition.segments.empty() || partition.segments.back().accelerator != accelerator) {
+            partition.segments.push_back(Segment{accelerator, i, i, 0});
+        }
+        Segment& segment = partition.segments.back();
+        segment.last = i;
+        segment.macs = saturatingAdd(segment.macs, macs);
+        partition.macs = saturatingAdd(partition.macs, macs);
+        if (accelerator) {
+            ++partition.acceleratorOperations;
+            partition.acceleratorMacs = saturatingAdd(partition.acceleratorMacs, macs);
+        }
+    }
+    return partition;
+}
+
 IoBuffers makeBuffers(const LoadedModel& model) {
     IoBuffers buffers;
     const HostGraph& graph = *model.graph;
@@ -137,9 +195,9 @@ CaseResult runCase(IAccelerator& accelerator, const std::string& path) {
     const std::vector<int> levels = querySupport(accelerator, graph);
     for (uint32_t i = 0; i < levels.size(); ++i) {
         if (levels[i] != 0) {
-            return {CaseClass::Declined, "operation " + std::to_string(i) + " " +
-                                             operationName(static_cast<int32_t>(graph.operation(i).mType)) + ": " +
-                                             supportLevelName(levels[i])};
+            const int32_t code = static_cast<int32_t>(graph.operation(i).mType);
+            return {CaseClass::Declined, "operation " + std::to_string(i) + " " + operationName(code) + " (code " +
+                                             std::to_string(code) + "): " + supportLevelName(levels[i])};
         }
     }
 
@@ -151,14 +209,16 @@ CaseResult runCase(IAccelerator& accelerator, const std::string& path) {
     if (created.status != Status::SUCCESS || created.executor == nullptr) {
         if (created.executor != nullptr) created.executor->release();
         return {CaseClass::Error,
-                "createGraphExecutor returned status " + std::to_string(static_cast<int32_t>(created.status))};
+                "createGraphExecutor returned status " + std::to_string(static_cast<int32_t>(created.status)),
+                created.status == Status::ACCELERATOR_UNAVAILABLE};
     }
 
     IoBuffers buffers = makeBuffers(model);
     const ExecuteResult executed = executeBound(graph, *created.executor, buffers);
     created.executor->release();
     if (executed.status != Status::SUCCESS) {
-        return {CaseClass::Error, "execute returned status " + std::to_string(static_cast<int32_t>(executed.status))};
+        return {CaseClass::Error, "execute returned status " + std::to_string(static_cast<int32_t>(executed.status)),
+                executed.status == Status::ACCELERATOR_UNAVAILABLE};
     }
     const Comparison comparison = compareOutputs(model, buffers.outputs);
     if (comparison.sizeMismatch) return {CaseClass::Error, "wrong output size: " + comparison.detail};

@@ -56,8 +56,13 @@ uint32_t HostGraph::addOperand(OperandType type, std::vector<uint32_t> dims, flo
     operand->mDims = std::move(dims);
     operand->mScale = scale;
     operand->mZeroPoint = zeroPoint;
-    operand->mHasQuantization = type == OperandType::TENSOR_QUANT8 || type == OperandType::TENSOR_INT32 ||
-                                type == OperandType::TENSOR_CUSTOM_BYTE || scale != 0.0f || zeroPoint != 0;
+    // Tensors quantized with one scale and zero point: TENSOR_INT32 (4),
+    // TENSOR_QUANT8 (5), the 16-bit (7, 12) and signed 8-bit (13, 14) forms
+    // and the vendor byte tensor; any other operand only when it is given one.
+    const int32_t code = static_cast<int32_t>(type);
+    const bool quantizedType = code == 4 || code == 5 || code == 7 || code == 12 || code == 13 || code == 14 ||
+                               type == OperandType::TENSOR_CUSTOM_BYTE;
+    operand->mHasQuantization = quantizedType || scale != 0.0f || zeroPoint != 0;
     operand->mLifetime = lifetime;
     operand->mHasData = lifetime == Lifetime::Constant && !data.empty();
     operand->mData = std::move(data);

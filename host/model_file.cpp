@@ -1,11 +1,14 @@
 #include "zelhost/model_file.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cfloat>
 #include <cmath>
 #include <cstring>
 #include <exception>
-#include <fstream>
 #include <limits>
 #include <nlohmann/json.hpp>
 #include <sstream>
@@ -18,40 +21,116 @@ namespace host {
 
 using nlohmann::json;
 
-ElementKind elementKindOf(int32_t operandType) {
-    switch (operandType) {
-        case 0:
-        case 3: return ElementKind::Float32;
-        case 2: return ElementKind::Uint32;
-        case 5:
-        case 10000:
-        case 10001: return ElementKind::Uint8;
-        default: return ElementKind::Int32;
+namespace {
+
+// clang-format off
+const OperandTypeInfo kOperandTypes[] = {
+    {0, "SCALAR_FP32", ElementKind::Float32, true},
+    {1, "SCALAR_INT32", ElementKind::Int32, true},
+    {2, "SCALAR_UNSIGNED_INT32", ElementKind::Uint32, true},
+    {3, "TENSOR_FP32", ElementKind::Float32, false},
+    {4, "TENSOR_INT32", ElementKind::Int32, false},
+    {5, "TENSOR_QUANT8", ElementKind::Uint8, false},
+    {6, "BOOL", ElementKind::Bool8, true},
+    {7, "TENSOR_QUANT16_SYMM", ElementKind::Int16, false},
+    {8, "TENSOR_FLOAT16", ElementKind::Float16, false},
+    {9, "TENSOR_BOOL8", ElementKind::Bool8, false},
+    {10, "FLOAT16", ElementKind::Float16, true},
+    {11, "TENSOR_QUANT8_SYMM_PER_CHANNEL", ElementKind::Int8, false},
+    {12, "TENSOR_QUANT16_ASYMM", ElementKind::Uint16, false},
+    {13, "TENSOR_QUANT8_SYMM", ElementKind::Int8, false},
+    {14, "TENSOR_QUANT8_ASYMM_SIGNED", ElementKind::Int8, false},
+    {10000, "CUSTOM", ElementKind::Uint8, false},
+    {10001, "TENSOR_CUSTOM_BYTE", ElementKind::Uint8, false},
+};
+// clang-format on
+
+template <typename T>
+T loadAt(const uint8_t* bytes, uint32_t index) {
+    T value;
+    std::memcpy(&value, bytes + static_cast<size_t>(index) * sizeof(T), sizeof value);
+    return value;
+}
+
+}  // namespace
+
+const OperandTypeInfo* findOperandType(int32_t code) {
+    for (const OperandTypeInfo& entry : kOperandTypes) {
+        if (entry.code == code) return &entry;
     }
+    return nullptr;
+}
+
+ElementKind elementKindOf(int32_t operandType) {
+    const OperandTypeInfo* info = findOperandType(operandType);
+    return info != nullptr ? info->kind : ElementKind::Int32;
 }
 
 uint32_t elementSize(ElementKind kind) {
-    return kind == ElementKind::Uint8 ? 1u : 4u;
+    switch (kind) {
+        case ElementKind::Uint8:
+        case ElementKind::Int8:
+        case ElementKind::Bool8: return 1u;
+        case ElementKind::Int16:
+        case ElementKind::Uint16:
+        case ElementKind::Float16: return 2u;
+        case ElementKind::Float32:
+        case ElementKind::Int32:
+        case ElementKind::Uint32: break;
+    }
+    return 4u;
 }
 
 double readElement(ElementKind kind, const uint8_t* bytes, uint32_t index) {
     switch (kind) {
-        case ElementKind::Uint8: return bytes[index];
-        case ElementKind::Float32: {
-            float value;
-            std::memcpy(&value, bytes + static_cast<size_t>(index) * 4u, sizeof value);
-            return value;
-        }
-        case ElementKind::Uint32: {
-            uint32_t value;
-            std::memcpy(&value, bytes + static_cast<size_t>(index) * 4u, sizeof value);
-            return value;
-        }
+        case ElementKind::Uint8:
+        case ElementKind::Bool8: return bytes[index];
+        case ElementKind::Int8: return static_cast<int8_t>(bytes[index]);
+        case ElementKind::Int16: return loadAt<int16_t>(bytes, index);
+        case ElementKind::Uint16: return loadAt<uint16_t>(bytes, index);
+        case ElementKind::Float16: return fromHalf(loadAt<uint16_t>(bytes, index));
+        case ElementKind::Float32: return loadAt<float>(bytes, index);
+        case ElementKind::Uint32: return loadAt<uint32_t>(bytes, index);
         case ElementKind::Int32: break;
     }
-    int32_t value;
-    std::memcpy(&value, bytes + static_cast<size_t>(index) * 4u, sizeof value);
-    return value;
+    return loadAt<int32_t>(bytes, index);
+}
+
+uint16_t toHalf(double value) {
+    const uint16_t sign = std::signbit(value) ? 0x8000u : 0u;
+    if (std::isnan(value)) return sign | 0x7E00u;
+    const double magnitude = std::fabs(value);
+    if (magnitude == 0.0) return sign;
+    if (std::isinf(magnitude)) return sign | 0x7C00u;
+    int exponent = 0;
+    std::frexp(magnitude, &exponent);  // magnitude = m * 2^exponent, m in [0.5, 1)
+    exponent -= 1;                     // magnitude = 1.f * 2^exponent
+    // Both scalings are exact; nearbyint rounds ties to even.
+    if (exponent < -14) {
+        // Subnormal: a multiple of 2^-24. A count of 1024 is the smallest
+        // normal, whose bits are the same number.
+        const double count = std::nearbyint(std::ldexp(magnitude, 24));
+        return sign | static_cast<uint16_t>(count);
+    }
+    double mantissa = std::nearbyint(std::ldexp(magnitude, 10 - exponent));  // 1024 .. 2048
+    if (mantissa >= 2048.0) {
+        mantissa = 1024.0;
+        ++exponent;
+    }
+    if (exponent > 15) return sign | 0x7C00u;
+    return sign | static_cast<uint16_t>(((exponent + 15) << 10) | (static_cast<uint32_t>(mantissa) - 1024u));
+}
+
+double fromHalf(uint16_t bits) {
+    const double sign = (bits & 0x8000u) ? -1.0 : 1.0;
+    const int exponent = (bits >> 10) & 0x1F;
+    const uint32_t mantissa = bits & 0x3FFu;
+    if (exponent == 0x1F) {
+        return mantissa != 0 ? std::numeric_limits<double>::quiet_NaN()
+                             : sign * std::numeric_limits<double>::infinity();
+    }
+    if (exponent == 0) return sign * std::ldexp(static_cast<double>(mantissa), -24);
+    return sign * std::ldexp(static_cast<double>(mantissa + 1024u), exponent - 25);
 }
 
 uint64_t operandElementCount(const HostGraph& graph, uint32_t operandIndex) {
@@ -93,10 +172,6 @@ std::string dot(const std::string& where, const char* key) {
     return where.empty() ? key : where + "." + key;
 }
 
-bool isKnownOperandType(int64_t code) {
-    return (code >= 0 && code <= 5) || code == 10000 || code == 10001;
-}
-
 bool parseLifetime(const std::string& text, Lifetime& lifetime) {
     if (text == "input")
         lifetime = Lifetime::Input;
@@ -110,6 +185,11 @@ bool parseLifetime(const std::string& text, Lifetime& lifetime) {
         return false;
     return true;
 }
+
+struct ChannelQuant {
+    uint32_t channelDim = 0;
+    std::vector<float> scales;
+};
 
 class Parser {
 public:
@@ -271,6 +351,43 @@ private:
                     bytes.push_back(static_cast<uint8_t>(integer));
                     if (values) values->push_back(static_cast<double>(integer));
                     break;
+                case ElementKind::Int8:
+                    if (!readInteger(item, place, INT8_MIN, INT8_MAX, integer, typeName)) return false;
+                    bytes.push_back(static_cast<uint8_t>(static_cast<int8_t>(integer)));
+                    if (values) values->push_back(static_cast<double>(integer));
+                    break;
+                case ElementKind::Bool8:
+                    if (item.is_boolean()) {
+                        integer = item.get<bool>() ? 1 : 0;
+                    } else if (item.is_number_integer() && (item == 0 || item == 1)) {
+                        integer = item.get<int64_t>();
+                    } else {
+                        return fail(place, "expected true, false, 0 or 1 for " + typeName + ", got " + describe(item));
+                    }
+                    bytes.push_back(static_cast<uint8_t>(integer));
+                    if (values) values->push_back(static_cast<double>(integer));
+                    break;
+                case ElementKind::Int16:
+                    if (!readInteger(item, place, INT16_MIN, INT16_MAX, integer, typeName)) return false;
+                    append(bytes, static_cast<int16_t>(integer));
+                    if (values) values->push_back(static_cast<double>(integer));
+                    break;
+                case ElementKind::Uint16:
+                    if (!readInteger(item, place, 0, UINT16_MAX, integer, typeName)) return false;
+                    append(bytes, static_cast<uint16_t>(integer));
+                    if (values) values->push_back(static_cast<double>(integer));
+                    break;
+                case ElementKind::Float16: {
+                    double real = 0.0;
+                    if (!readNumber(item, place, real)) return false;
+                    const uint16_t half = toHalf(real);
+                    if ((half & 0x7FFFu) == 0x7C00u)
+                        return fail(place, "value " + item.dump() + " out of range for " + typeName);
+                    append(bytes, half);
+                    // Compared as stored, like every other element type.
+                    if (values) values->push_back(fromHalf(half));
+                    break;
+                }
                 case ElementKind::Int32:
                     if (!readInteger(item, place, INT32_MIN, INT32_MAX, integer, typeName)) return false;
                     append(bytes, static_cast<int32_t>(integer));
@@ -313,7 +430,8 @@ private:
 
         int64_t type = 0;
         if (!readInteger(*typeField, dot(where, "type"), INT32_MIN, INT32_MAX, type)) return false;
-        if (mStrict && !isKnownOperandType(type)) {
+        const OperandTypeInfo* info = findOperandType(static_cast<int32_t>(type));
+        if (mStrict && info == nullptr) {
             return fail(dot(where, "type"), "unknown operand type " + std::to_string(type));
         }
         std::vector<uint32_t> dims;
@@ -323,7 +441,7 @@ private:
             count *= d;
             if (count > kMaxElements) return fail(dot(where, "dims"), "tensor too large");
         }
-        if (mStrict && type >= 0 && type <= 2 && !dims.empty()) {
+        if (mStrict && info != nullptr && info->scalar && !dims.empty()) {
             return fail(dot(where, "dims"), "a scalar has no dimensions, got " + dimsField->dump());
         }
         double scale = 0.0;
@@ -342,6 +460,17 @@ private:
                         "unknown lifetime \"" + lifetimeText + "\" (expected input, output, constant or internal)");
         }
 
+        const json* channelField = member(item, where, "channelQuant", false);
+        ChannelQuant channel;
+        if (channelField != nullptr && !parseChannelQuant(*channelField, dot(where, "channelQuant"), dims, channel)) {
+            return false;
+        }
+        if (mStrict && type == kPerChannelType && channelField == nullptr) {
+            return fail(where, "TENSOR_QUANT8_SYMM_PER_CHANNEL operand without \"channelQuant\"");
+        }
+        if (mStrict && type != kPerChannelType && channelField != nullptr) {
+            return fail(dot(where, "channelQuant"), "only TENSOR_QUANT8_SYMM_PER_CHANNEL operands carry it");
+        }
         std::vector<uint8_t> bytes;
         const json* data = member(item, where, "data", false);
         if (data != nullptr) {
@@ -357,10 +486,51 @@ private:
         } else if (mStrict && lifetime == Lifetime::Constant) {
             return fail(where, "constant operand without \"data\"");
         }
-        graph.addOperand(static_cast<OperandType>(type), std::move(dims), static_cast<float>(scale),
-                         static_cast<int32_t>(zeroPoint), lifetime, std::move(bytes));
+        const uint32_t index =
+            graph.addOperand(static_cast<OperandType>(type), std::move(dims), static_cast<float>(scale),
+                             static_cast<int32_t>(zeroPoint), lifetime, std::move(bytes));
+        if (channelField != nullptr) {
+            HostOperand& operand = graph.operand(index);
+            operand.mHasChannelQuant = true;
+            operand.mChannelDim = channel.channelDim;
+            operand.mChannelScales = std::move(channel.scales);
+        }
         return true;
     }
+
+    // {"channelDim": d, "scales": [...]}: one positive scale per entry of
+    // dimension d (strict), any scales otherwise.
+    bool parseChannelQuant(const json& value, const std::string& where, const std::vector<uint32_t>& dims,
+                           ChannelQuant& out) {
+        if (!value.is_object()) return fail(where, "expected an object, got " + describe(value));
+        const json* dimField = member(value, where, "channelDim", true);
+        const json* scalesField = dimField ? member(value, where, "scales", true) : nullptr;
+        if (scalesField == nullptr) return false;
+        int64_t channelDim = 0;
+        if (!readInteger(*dimField, dot(where, "channelDim"), 0, UINT32_MAX, channelDim)) return false;
+        if (mStrict && static_cast<uint64_t>(channelDim) >= dims.size()) {
+            return fail(dot(where, "channelDim"), "dimension " + std::to_string(channelDim) + " out of range (rank " +
+                                                      std::to_string(dims.size()) + ")");
+        }
+        const std::string place = dot(where, "scales");
+        if (!expectArray(*scalesField, place)) return false;
+        if (mStrict && scalesField->size() != dims[channelDim]) {
+            return fail(place, "expected " + std::to_string(dims[channelDim]) + " scales (dimension " +
+                                   std::to_string(channelDim) + "), got " + std::to_string(scalesField->size()));
+        }
+        out.channelDim = static_cast<uint32_t>(channelDim);
+        for (size_t i = 0; i < scalesField->size(); ++i) {
+            double scale = 0.0;
+            if (!readNumber((*scalesField)[i], at(place, i), scale)) return false;
+            if (!(scale > 0.0) || scale > FLT_MAX) {
+                return fail(at(place, i), "a scale must be positive and finite, got " + (*scalesField)[i].dump());
+            }
+            out.scales.push_back(static_cast<float>(scale));
+        }
+        return true;
+    }
+
+    static constexpr int64_t kPerChannelType = 11;
 
     bool parseOperation(const json& item, const std::string& where, HostGraph& graph) {
         if (!item.is_object()) return fail(where, "expected an object, got " + describe(item));
@@ -455,17 +625,57 @@ std::string parseModel(const std::string& text, const std::string& source, Loade
     }
 }
 
+std::string readFile(const std::string& path, std::string& text) {
+    text.clear();
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return path + ": cannot open file: " + std::strerror(errno);
+    struct stat info {};
+    if (::fstat(fd, &info) == 0 && S_ISDIR(info.st_mode)) {
+        ::close(fd);
+        return path + ": cannot open file: " + std::strerror(EISDIR);
+    }
+    char buffer[65536];
+    for (;;) {
+        const ssize_t n = ::read(fd, buffer, sizeof buffer);
+        if (n == 0) break;
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            const int error = errno;
+            ::close(fd);
+            return path + ": cannot read file: " + std::strerror(error);
+        }
+        text.append(buffer, static_cast<size_t>(n));
+    }
+    ::close(fd);
+    return "";
+}
+
+std::string writeFile(const std::string& path, const void* data, size_t size) {
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    if (fd < 0) return path + ": cannot write file: " + std::strerror(errno);
+    const char* bytes = static_cast<const char*>(data);
+    while (size > 0) {
+        const ssize_t n = ::write(fd, bytes, size);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+            const int error = n < 0 ? errno : EIO;
+            ::close(fd);
+            return path + ": cannot write file: " + std::strerror(error);
+        }
+        bytes += n;
+        size -= static_cast<size_t>(n);
+    }
+    if (::close(fd) != 0) return path + ": cannot write file: " + std::strerror(errno);
+    return "";
+}
+
 std::string loadModelFile(const std::string& path, LoadedModel& model, const LoadOptions& options) {
     model = LoadedModel();
     model.source = path;
     std::string text;
     try {
-        std::ifstream in(path, std::ios::binary);
-        if (!in) return path + ": cannot open file: " + std::strerror(errno);
-        std::ostringstream buffer;
-        buffer << in.rdbuf();
-        if (in.bad()) return path + ": cannot read file";
-        text = buffer.str();
+        const std::string error = readFile(path, text);
+        if (!error.empty()) return error;
     } catch (const std::exception& e) {
         return path + ": cannot read file: " + e.what();
     }

@@ -1,16 +1,19 @@
 // zelrun: runs a model file (or a folder of them) through an accelerator
 // plug-in the way the host framework does, and reports what happened.
 #include <android/log.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <iostream>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -36,12 +39,21 @@ const char kUsageText[] =
     "  --runtime PATH       runtime library loaded before the plug-in (default: the build's\n"
     "                       simulator; \"\" loads none and leaves it to the loader path)\n"
     "  --log off|error|debug  plug-in log lines on standard error (default error)\n"
-    "  --input FILE         raw bytes of one graph input, in order (repeatable)\n"
+    "  --input FILE         raw bytes of one graph input, in order (repeatable); the model's\n"
+    "                       expected values are then not compared\n"
+    "  --expected FILE      raw bytes one graph output should hold, in order (repeatable);\n"
+    "                       compared within the model's tolerance\n"
+    "  --output FILE        write the raw bytes of one graph output, in order (repeatable)\n"
     "  --repeat N           execute N times and report latency\n"
     "  --dump-graph FILE    write the runtime graph as Graphviz DOT\n"
+    "  --json               print the support answers and the partition as one JSON object\n"
+    "                       and stop (no execution)\n"
     "  --lenient            load graph-level oddities as they are (out-of-range indices ...)\n"
     "  --conformance DIR    run every .json file below DIR and classify each case\n"
-    "exit codes: 0 ran (and matched), 1 failure, 2 usage, 3 declined, 4 mismatch\n";
+    "  -h, --help           this text\n"
+    "exit codes: 0 ran (and matched), 1 failure, 2 usage, 3 declined, 4 mismatch\n"
+    "When an operation is declined, zelrun shows the partition a host would make: each run of\n"
+    "consecutive supported operations on the accelerator, the others on the host's CPU.\n";
 
 struct Options {
     std::string model;
@@ -51,6 +63,9 @@ struct Options {
     bool runtimeGiven = false;
     int logLevel = ANDROID_LOG_ERROR;  // lines below this priority are dropped; 99: none
     std::vector<std::string> inputs;
+    std::vector<std::string> expected;
+    std::vector<std::string> outputs;
+    bool json = false;
     unsigned repeat = 1;
     std::string dumpGraph;
     bool lenient = false;
@@ -135,6 +150,14 @@ int parseArguments(int argc, char** argv, Options& options) {
         } else if (arg == "--input") {
             if (!value(text)) return usage("--input needs a file");
             options.inputs.push_back(text);
+        } else if (arg == "--expected") {
+            if (!value(text)) return usage("--expected needs a file");
+            options.expected.push_back(text);
+        } else if (arg == "--output") {
+            if (!value(text)) return usage("--output needs a file");
+            options.outputs.push_back(text);
+        } else if (arg == "--json") {
+            options.json = true;
         } else if (arg == "--repeat") {
             if (!value(text) || !parseUnsigned(text, options.repeat) || options.repeat == 0) {
                 return usage("--repeat needs a positive count");
@@ -156,9 +179,15 @@ int parseArguments(int argc, char** argv, Options& options) {
     if (options.model.empty() == options.conformance.empty()) {
         return usage(options.model.empty() ? "no model file given" : "give a model file or --conformance, not both");
     }
-    if (!options.conformance.empty() &&
-        (!options.inputs.empty() || !options.dumpGraph.empty() || options.repeat != 1)) {
-        return usage("--input, --repeat and --dump-graph apply to a single model");
+    const bool runOptions = !options.inputs.empty() || !options.expected.empty() || !options.outputs.empty() ||
+                            !options.dumpGraph.empty() || options.repeat != 1;
+    if (!options.conformance.empty() && (runOptions || options.json)) {
+        return usage("--input, --expected, --output, --repeat, --dump-graph and --json apply to a single model");
+    }
+    if (options.json && runOptions) {
+        return usage(
+            "--json answers the support query only; it takes no --input, --expected, --output, "
+            "--repeat or --dump-graph");
     }
     if (options.plugin.empty()) options.plugin = defaultPath(ZEL_DEFAULT_PLUGIN, "lib/ravine-acc-zel.so");
     if (!options.runtimeGiven) {
@@ -180,18 +209,31 @@ std::string dimsText(const IOperand& operand) {
     return text + "]";
 }
 
-bool readFile(const std::string& path, std::vector<uint8_t>& bytes) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) return false;
-    bytes.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-    return !in.bad();
+// The raw bytes of `path`, which must be `wanted` bytes long for `what`.
+bool readRaw(const std::string& path, uint64_t wanted, const std::string& what, std::vector<uint8_t>& bytes) {
+    std::string text;
+    const std::string error = readFile(path, text);
+    if (!error.empty()) {
+        std::cerr << "zelrun: " << error << "\n";
+        return false;
+    }
+    if (text.size() != wanted) {
+        std::cerr << "zelrun: " << path << ": " << text.size() << " bytes, " << what << " takes " << wanted << "\n";
+        return false;
+    }
+    bytes.assign(text.begin(), text.end());
+    return true;
 }
 
-bool writeFile(const std::string& path, const std::string& text) {
-    std::ofstream out(path, std::ios::binary);
-    out << text;
-    return static_cast<bool>(out);
+bool writeRaw(const std::string& path, const void* data, size_t size) {
+    const std::string error = writeFile(path, data, size);
+    if (error.empty()) return true;
+    std::cerr << "zelrun: " << error << "\n";
+    return false;
 }
+
+const char kUnavailable[] =
+    "status 7: the accelerator is unavailable: the runtime library is missing or answers another version";
 
 double milliseconds(std::chrono::steady_clock::duration duration) {
     return std::chrono::duration<double, std::milli>(duration).count();
@@ -229,15 +271,119 @@ bool dumpGraph(PluginLoader& loader, const std::string& path) {
         std::cerr << "zelrun: cannot dump the runtime graph: " << error << "\n";
         return false;
     }
-    if (!writeFile(path, dot)) {
-        std::cerr << "zelrun: cannot write " << path << "\n";
-        return false;
-    }
+    if (!writeRaw(path, dot.data(), dot.size())) return false;
     std::cout << "runtime graph written to " << path << "\n";
     return true;
 }
 
+// ---- support answers and partition ------------------------------------------
+
+std::string percent(uint64_t part, uint64_t whole) {
+    if (whole == 0) return "";
+    char text[32];
+    std::snprintf(text, sizeof text, " (%.1f%%)", 100.0 * static_cast<double>(part) / static_cast<double>(whole));
+    return text;
+}
+
+void printPartition(const Partition& partition) {
+    std::cout << "partition: " << partition.segments.size()
+              << " segment(s); the accelerator runs each run of supported operations, the host's CPU the rest\n";
+    for (const Segment& segment : partition.segments) {
+        const std::string range = segment.first == segment.last ? "operation " + std::to_string(segment.first)
+                                                                : "operations " + std::to_string(segment.first) + ".." +
+                                                                      std::to_string(segment.last);
+        std::printf("  %-11s %-18s %u operation(s), %llu MACs\n", segment.accelerator ? "accelerator" : "cpu",
+                    range.c_str(), segment.last - segment.first + 1, static_cast<unsigned long long>(segment.macs));
+    }
+    std::printf("on the accelerator: %u of %u operations%s, %llu of %llu MACs%s\n", partition.acceleratorOperations,
+                partition.operations, percent(partition.acceleratorOperations, partition.operations).c_str(),
+                static_cast<unsigned long long>(partition.acceleratorMacs),
+                static_cast<unsigned long long>(partition.macs),
+                percent(partition.acceleratorMacs, partition.macs).c_str());
+    std::fflush(stdout);
+}
+
+std::string supportJson(const Options& options, const LoadedModel& model, const std::vector<int>& levels,
+                        const Partition& partition) {
+    using json = nlohmann::ordered_json;  // keys in the order written here
+    const HostGraph& graph = *model.graph;
+    json operations = json::array();
+    for (uint32_t i = 0; i < levels.size(); ++i) {
+        const int32_t type = static_cast<int32_t>(graph.getOperation(i)->getType());
+        operations.push_back({{"index", i},
+                              {"type", type},
+                              {"name", operationName(type)},
+                              {"level", levels[i]},
+                              {"support", supportLevelName(levels[i])},
+                              {"macs", operationMacs(graph, i)}});
+    }
+    json segments = json::array();
+    for (const Segment& segment : partition.segments) {
+        segments.push_back({{"target", segment.accelerator ? "accelerator" : "cpu"},
+                            {"first", segment.first},
+                            {"last", segment.last},
+                            {"operations", segment.last - segment.first + 1},
+                            {"macs", segment.macs}});
+    }
+    const json root = {
+        {"model", options.model},
+        {"name", model.name},
+        {"supported", allSupported(levels)},
+        {"operations", operations},
+        {"partition",
+         {{"segments", segments},
+          {"operations", {{"accelerator", partition.acceleratorOperations}, {"total", partition.operations}}},
+          {"macs", {{"accelerator", partition.acceleratorMacs}, {"total", partition.macs}}}}}};
+    return root.dump(2);
+}
+
 // ---- one model --------------------------------------------------------------
+
+// Reads the --input files into `buffers` and the --expected files into the
+// model's expected values; false (with a message) on the first problem.
+bool readRunFiles(const Options& options, LoadedModel& model, IoBuffers& buffers) {
+    HostGraph& graph = *model.graph;
+    if (!options.inputs.empty() && options.inputs.size() != graph.getInputCount()) {
+        std::cerr << "zelrun: " << options.inputs.size() << " --input file(s) given, the graph has "
+                  << graph.getInputCount() << " input(s)\n";
+        return false;
+    }
+    for (const auto& list :
+         {std::make_pair("--expected", &options.expected), std::make_pair("--output", &options.outputs)}) {
+        if (!list.second->empty() && list.second->size() != graph.getOutputCount()) {
+            std::cerr << "zelrun: " << list.second->size() << " " << list.first << " file(s) given, the graph has "
+                      << graph.getOutputCount() << " output(s)\n";
+            return false;
+        }
+    }
+    for (uint32_t i = 0; i < options.inputs.size(); ++i) {
+        const uint64_t wanted = operandByteSize(graph, graph.getInput(i));
+        if (!readRaw(options.inputs[i], wanted, "graph input " + std::to_string(i), buffers.inputs[i])) return false;
+    }
+    if (!options.expected.empty()) {
+        // The files give every output; the model's own expected values and
+        // ignored outputs belong to its input data.
+        model.hasExpected = true;
+        model.expected.assign(options.expected.size(), {});
+        model.ignoredOutputs.clear();
+        for (uint32_t i = 0; i < options.expected.size(); ++i) {
+            const uint32_t operand = graph.getOutput(i);
+            std::vector<uint8_t> bytes;
+            if (!readRaw(options.expected[i], operandByteSize(graph, operand), "graph output " + std::to_string(i),
+                         bytes)) {
+                return false;
+            }
+            const IOperand* described = graph.getOperand(operand);
+            const ElementKind kind = elementKindOf(described ? static_cast<int32_t>(described->getType()) : 0);
+            for (uint32_t e = 0; e < bytes.size() / elementSize(kind); ++e) {
+                model.expected[i].push_back(readElement(kind, bytes.data(), e));
+            }
+        }
+    } else if (!options.inputs.empty()) {
+        model.hasExpected = false;
+    }
+    return true;
+}
 
 int runModel(const Options& options, PluginLoader& loader) {
     LoadedModel model;
@@ -249,33 +395,9 @@ int runModel(const Options& options, PluginLoader& loader) {
         return kFailure;
     }
     HostGraph& graph = *model.graph;
+    const bool modelExpected = model.hasExpected;
     IoBuffers buffers = makeBuffers(model);
-    if (!options.inputs.empty()) {
-        if (options.inputs.size() != graph.getInputCount()) {
-            std::cerr << "zelrun: " << options.inputs.size() << " --input file(s) given, the graph has "
-                      << graph.getInputCount() << " input(s)\n";
-            return kFailure;
-        }
-        for (size_t i = 0; i < options.inputs.size(); ++i) {
-            std::vector<uint8_t> bytes;
-            if (!readFile(options.inputs[i], bytes)) {
-                std::cerr << "zelrun: cannot read " << options.inputs[i] << "\n";
-                return kFailure;
-            }
-            const uint64_t wanted = operandByteSize(graph, graph.getInput(static_cast<uint32_t>(i)));
-            if (bytes.size() != wanted) {
-                std::cerr << "zelrun: " << options.inputs[i] << ": " << bytes.size() << " bytes, graph input " << i
-                          << " takes " << wanted << "\n";
-                return kFailure;
-            }
-            buffers.inputs[i] = std::move(bytes);
-        }
-    }
-
-    std::cout << "model " << options.model;
-    if (!model.name.empty()) std::cout << " (" << model.name << ")";
-    std::cout << ": " << graph.getOperationCount() << " operation(s), " << graph.getInputCount() << " input(s), "
-              << graph.getOutputCount() << " output(s)" << std::endl;
+    if (!readRunFiles(options, model, buffers)) return kFailure;
 
     error.clear();
     IAccelerator* accelerator = loader.createAccelerator(&error);
@@ -284,16 +406,32 @@ int runModel(const Options& options, PluginLoader& loader) {
         return kFailure;
     }
     const std::vector<int> levels = querySupport(*accelerator, graph);
-    std::printf("  %-4s %-30s %s\n", "#", "operation", "support");
+    const Partition partition = partitionGraph(graph, levels);
+    if (options.json) {
+        accelerator->release();
+        std::cout << supportJson(options, model, levels, partition) << std::endl;
+        return allSupported(levels) ? kRan : kDeclined;
+    }
+
+    std::cout << "model " << options.model;
+    if (!model.name.empty()) std::cout << " (" << model.name << ")";
+    std::cout << ": " << graph.getOperationCount() << " operation(s), " << graph.getInputCount() << " input(s), "
+              << graph.getOutputCount() << " output(s)" << std::endl;
+    std::printf("  %-4s %-5s %-30s %s\n", "#", "code", "operation", "support");
     for (uint32_t i = 0; i < levels.size(); ++i) {
-        std::printf("  %-4u %-30s %s\n", i, operationName(static_cast<int32_t>(graph.operation(i).mType)).c_str(),
+        const int32_t type = static_cast<int32_t>(graph.operation(i).mType);
+        std::printf("  %-4u %-5d %-30s %s\n", i, type, operationName(type).c_str(),
                     supportLevelName(levels[i]).c_str());
     }
     std::fflush(stdout);
     if (!allSupported(levels)) {
+        printPartition(partition);
         std::cout << "declined: not every operation is supported\n";
         accelerator->release();
         return kDeclined;
+    }
+    if (options.inputs.empty() && !model.hasInputData && graph.getInputCount() > 0) {
+        std::cout << "no input data in the model and no --input: the run uses zeros\n";
     }
 
     HostExecutorContext context;
@@ -304,6 +442,7 @@ int runModel(const Options& options, PluginLoader& loader) {
     const bool dumped = options.dumpGraph.empty() || dumpGraph(loader, options.dumpGraph);
     if (!ready) {
         std::cerr << "zelrun: createGraphExecutor returned status " << static_cast<int32_t>(created.status) << "\n";
+        if (created.status == Status::ACCELERATOR_UNAVAILABLE) std::cerr << "zelrun: " << kUnavailable << "\n";
         const std::string runtimeLog = lastRuntimeLog(loader.runtimeHandle());
         if (!runtimeLog.empty()) std::cerr << "zelrun: the runtime's log: " << runtimeLog << "\n";
         if (created.executor != nullptr) created.executor->release();
@@ -323,6 +462,7 @@ int runModel(const Options& options, PluginLoader& loader) {
             if (result.status != Status::SUCCESS) {
                 std::cerr << "zelrun: execute returned status " << static_cast<int32_t>(result.status) << " (run "
                           << run + 1 << ")\n";
+                if (result.status == Status::ACCELERATOR_UNAVAILABLE) std::cerr << "zelrun: " << kUnavailable << "\n";
                 code = kFailure;
                 break;
             }
@@ -341,6 +481,11 @@ int runModel(const Options& options, PluginLoader& loader) {
         std::cout << "output " << i << " (operand " << graph.getOutput(i) << ", " << operandTypeName(type) << " "
                   << dimsText(*operand) << "): " << formatValues(elementKindOf(type), buffers.outputs[i], 16) << "\n";
     }
+    for (uint32_t i = 0; i < options.outputs.size(); ++i) {
+        if (!writeRaw(options.outputs[i], buffers.outputs[i].data(), buffers.outputs[i].size())) return kFailure;
+        std::cout << "output " << i << " written to " << options.outputs[i] << " (" << buffers.outputs[i].size()
+                  << " bytes)\n";
+    }
     if (latencies.size() > 1) {
         std::vector<double> sorted = latencies;
         std::sort(sorted.begin(), sorted.end());
@@ -350,6 +495,10 @@ int runModel(const Options& options, PluginLoader& loader) {
                     sorted.back());
     } else if (!latencies.empty()) {
         std::printf("latency: %.3f ms\n", latencies.front());
+    }
+    if (modelExpected && !model.hasExpected) {
+        std::cout << "outputs not compared: the model's expected values belong to its own input data "
+                     "(--expected FILE... gives values for these inputs)\n";
     }
     if (model.hasExpected) {
         const Comparison comparison = compareOutputs(model, buffers.outputs);
@@ -369,11 +518,13 @@ int runModel(const Options& options, PluginLoader& loader) {
 
 int runConformance(const Options& options, PluginLoader& loader) {
     namespace fs = std::filesystem;
-    std::error_code ec;
-    if (!fs::is_directory(options.conformance, ec)) {
-        std::cerr << "zelrun: " << options.conformance << " is not a folder\n";
+    struct stat info {};
+    const int reason = ::stat(options.conformance.c_str(), &info) != 0 ? errno : S_ISDIR(info.st_mode) ? 0 : ENOTDIR;
+    if (reason != 0) {
+        std::cerr << "zelrun: " << options.conformance << ": not a folder: " << std::strerror(reason) << "\n";
         return kFailure;
     }
+    std::error_code ec;
     std::vector<fs::path> files;
     for (auto it = fs::recursive_directory_iterator(options.conformance, ec); !ec && it != fs::end(it);
          it.increment(ec)) {
@@ -381,6 +532,10 @@ int runConformance(const Options& options, PluginLoader& loader) {
     }
     if (ec) {
         std::cerr << "zelrun: cannot list " << options.conformance << ": " << ec.message() << "\n";
+        return kFailure;
+    }
+    if (files.empty()) {
+        std::cerr << "zelrun: " << options.conformance << ": no model file (*.json) in the folder\n";
         return kFailure;
     }
     std::sort(files.begin(), files.end());
@@ -394,15 +549,18 @@ int runConformance(const Options& options, PluginLoader& loader) {
     const CaseClass order[] = {CaseClass::Pass, CaseClass::Declined, CaseClass::Refused, CaseClass::Fail,
                                CaseClass::Error};
     std::map<CaseClass, unsigned> counts;
+    bool unavailable = false;
     for (const fs::path& file : files) {
         const CaseResult result = runCase(*accelerator, file.string());
         ++counts[result.result];
+        unavailable = unavailable || result.unavailable;
         const std::string name = file.lexically_relative(options.conformance).string();
         std::printf("%-8s %s%s%s\n", caseClassName(result.result), name.c_str(), result.reason.empty() ? "" : ": ",
                     result.reason.c_str());
         std::fflush(stdout);
     }
     accelerator->release();
+    if (unavailable) std::cerr << "zelrun: " << kUnavailable << "\n";
 
     for (CaseClass value : order) std::printf("%s: %u\n", caseClassName(value), counts[value]);
     const unsigned failed = counts[CaseClass::Fail] + counts[CaseClass::Error];

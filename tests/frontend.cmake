@@ -31,3 +31,12 @@ add_dependencies(frontend_zelrun_test zelrun ravine-acc-zel zel_kestrel_runtime)
 add_test(NAME conformance COMMAND zelrun --log off --conformance ${CMAKE_SOURCE_DIR}/../shared/conformance)
 set_tests_properties(conformance PROPERTIES
   ENVIRONMENT "LD_LIBRARY_PATH=${ZEL_SIM_DIR}" LABELS "frontend;conformance" TIMEOUT 600)
+
+# Graphs with the operand types past 5 (layout flags, half floats, signed and
+# per-channel quantization, booleans, 16-bit boxes): each loads, reaches the
+# plug-in and comes back declined, never ERROR.
+add_test(NAME conformance_extended
+  COMMAND zelrun --log off --conformance ${PROJECT_SOURCE_DIR}/tests/conformance/extended)
+set_tests_properties(conformance_extended PROPERTIES
+  ENVIRONMENT "LD_LIBRARY_PATH=${ZEL_SIM_DIR}" LABELS "frontend;conformance"
+  PASS_REGULAR_EXPRESSION "\nFAIL: 0\nERROR: 0\n[0-9]+ passed, 0 failed\n")

@@ -95,10 +95,37 @@ INSTANTIATE_TEST_SUITE_P(
         BadFile{"unknown lifetime", replaced(R"("lifetime": "internal")", R"("lifetime": "temporary")"),
                 "model.json: operands[4].lifetime: unknown lifetime \"temporary\" (expected input, output, "
                 "constant or internal)"},
-        BadFile{"unknown operand type", replaced(R"({"type": 1, "dims": [])", R"({"type": 17, "dims": [])"),
-                "model.json: operands[3].type: unknown operand type 17"},
-        BadFile{"scalar with dims", replaced(R"({"type": 1, "dims": [])", R"({"type": 1, "dims": [1])"),
+        BadFile{"unknown operand type", replaced(R"({"type": 1, "dims": [])", R"({"type": 15, "dims": [])"),
+                "model.json: operands[3].type: unknown operand type 15"},
+        BadFile{"scalar with dims", replaced(R"({"type": 1, "dims": [])", R"({"type": 6, "dims": [1])"),
                 "model.json: operands[3].dims: a scalar has no dimensions, got [1]"},
+        BadFile{
+            "boolean neither true false 0 nor 1",
+            replaced(R"({"type": 1, "dims": [], "scale": 0.0, "zeroPoint": 0, "lifetime": "constant", "data": [0]})",
+                     R"({"type": 6, "dims": [], "scale": 0.0, "zeroPoint": 0, "lifetime": "constant", "data": [2]})"),
+            "model.json: operands[3].data[0]: expected true, false, 0 or 1 for BOOL, got 2"},
+        BadFile{"signed byte out of range",
+                replaced(R"({"type": 5, "dims": [1, 2, 2, 1], "scale": 0.5, "zeroPoint": 0)",
+                         R"({"type": 14, "dims": [1, 2, 2, 1], "scale": 0.5, "zeroPoint": 0)"),
+                "model.json: operands[1].data[3]: value 250 out of range for TENSOR_QUANT8_ASYMM_SIGNED (-128..127)"},
+        BadFile{"half past its largest value",
+                replaced(
+                    R"({"type": 4, "dims": [1], "scale": 0.25, "zeroPoint": 0, "lifetime": "constant", "data": [-7]})",
+                    R"({"type": 8, "dims": [1], "scale": 0, "zeroPoint": 0, "lifetime": "constant", "data": [65520]})"),
+                "model.json: operands[2].data[0]: value 65520 out of range for TENSOR_FLOAT16"},
+        BadFile{"per-channel filter without scales",
+                replaced(R"({"type": 5, "dims": [1, 2, 2, 1], "scale": 0.5, "zeroPoint": 0)",
+                         R"({"type": 11, "dims": [1, 2, 2, 1], "scale": 0.5, "zeroPoint": 0)"),
+                "model.json: operands[1]: TENSOR_QUANT8_SYMM_PER_CHANNEL operand without \"channelQuant\""},
+        BadFile{"per-channel scales of another count",
+                replaced(R"({"type": 5, "dims": [1, 2, 2, 1], "scale": 0.5, "zeroPoint": 0)",
+                         R"({"type": 11, "dims": [1, 2, 2, 1], "scale": 0.5, "zeroPoint": 0,
+                             "channelQuant": {"channelDim": 1, "scales": [0.5]})"),
+                "model.json: operands[1].channelQuant.scales: expected 2 scales (dimension 1), got 1"},
+        BadFile{"per-channel scales on another type",
+                replaced(R"("zeroPoint": 3, "lifetime")",
+                         R"("zeroPoint": 3, "channelQuant": {"channelDim": 0, "scales": [1]}, "lifetime")"),
+                "model.json: operands[0].channelQuant: only TENSOR_QUANT8_SYMM_PER_CHANNEL operands carry it"},
         BadFile{"short constant", replaced("[1, 2, 3, 250]", "[1, 2, 3]"),
                 "model.json: operands[1].data: expected 4 values, got 3"},
         BadFile{"byte out of range", replaced("[1, 2, 3, 250]", "[1, 2, 300, 250]"),
@@ -213,6 +240,150 @@ TEST(LenientLoader, KeepsGraphOdditiesOnly) {
     EXPECT_EQ(load(replaced("[1, 2, 3, 250]", "[1, 2, 300, 250]"), model, false),
               "model.json: operands[1].data[2]: value 300 out of range for TENSOR_QUANT8 (0..255)");
     EXPECT_EQ(load("{", model, false).rfind("model.json: malformed JSON: ", 0), 0u);
+}
+
+// ---- every operand type -------------------------------------------------------
+
+// One constant of each type of the numbering: the bytes the plug-in is
+// handed, at the edges of each type's range.
+TEST(Loader, StoresEveryOperandType) {
+    struct Row {
+        int32_t type;
+        const char* dims;
+        const char* data;
+        std::vector<uint8_t> bytes;  // little-endian
+    };
+    const Row rows[] = {
+        {0, "[]", "[-2.5]", {0x00, 0x00, 0x20, 0xC0}},
+        {1, "[]", "[-2147483648]", {0x00, 0x00, 0x00, 0x80}},
+        {2, "[]", "[4294967295]", {0xFF, 0xFF, 0xFF, 0xFF}},
+        {3, "[1]", "[0.5]", {0x00, 0x00, 0x00, 0x3F}},
+        {4, "[1]", "[-1]", {0xFF, 0xFF, 0xFF, 0xFF}},
+        {5, "[2]", "[0, 255]", {0x00, 0xFF}},
+        {6, "[]", "[true]", {0x01}},
+        {7, "[2]", "[-32768, 32767]", {0x00, 0x80, 0xFF, 0x7F}},
+        {8, "[3]", "[1, -2, 65504]", {0x00, 0x3C, 0x00, 0xC0, 0xFF, 0x7B}},
+        {9, "[4]", "[true, false, 1, 0]", {0x01, 0x00, 0x01, 0x00}},
+        {10, "[]", "[0.5]", {0x00, 0x38}},
+        {11, "[2]", "[-128, 127]", {0x80, 0x7F}},
+        {12, "[2]", "[0, 65535]", {0x00, 0x00, 0xFF, 0xFF}},
+        {13, "[2]", "[-1, 1]", {0xFF, 0x01}},
+        {14, "[2]", "[-128, 127]", {0x80, 0x7F}},
+        {10000, "[1]", "[200]", {0xC8}},
+        {10001, "[1]", "[7]", {0x07}},
+    };
+    for (const Row& row : rows) {
+        const std::string channel = row.type == 11 ? R"(, "channelQuant": {"channelDim": 0, "scales": [0.5, 2]})" : "";
+        const std::string text = std::string(R"({"operands": [{"type": )") + std::to_string(row.type) +
+                                 R"(, "dims": )" + row.dims +
+                                 R"(, "scale": 0, "zeroPoint": 0, "lifetime": "constant", "data": )" + row.data +
+                                 channel + R"(}], "operations": [], "inputs": [], "outputs": [0]})";
+        LoadedModel model;
+        ASSERT_EQ(load(text, model), "") << row.type;
+        const DataResult data = model.graph->getOperand(0)->getData();
+        ASSERT_EQ(data.status, Status::SUCCESS) << row.type;
+        EXPECT_EQ(std::vector<uint8_t>(data.data, data.data + data.length), row.bytes) << "type " << row.type;
+        EXPECT_EQ(operandByteSize(*model.graph, 0), row.bytes.size()) << "type " << row.type;
+    }
+}
+
+TEST(Loader, KeepsPerChannelAndSignedQuantization) {
+    LoadedModel model;
+    ASSERT_EQ(load(R"({"operands": [
+        {"type": 11, "dims": [3, 1, 1, 2], "scale": 0, "zeroPoint": 0, "lifetime": "constant",
+         "data": [1, 2, 3, 4, 5, 6], "channelQuant": {"channelDim": 0, "scales": [0.5, 0.25, 0.125]}},
+        {"type": 14, "dims": [2], "scale": 0.5, "zeroPoint": -128, "lifetime": "input"}],
+        "operations": [], "inputs": [1], "outputs": [0]})",
+                   model),
+              "");
+    const HostOperand& filter = model.graph->operand(0);
+    EXPECT_TRUE(filter.mHasChannelQuant);
+    EXPECT_EQ(filter.mChannelDim, 0u);
+    EXPECT_EQ(filter.mChannelScales, (std::vector<float>{0.5f, 0.25f, 0.125f}));
+    const QuantParamsResult signedParams = model.graph->getOperand(1)->getQuantizationParams();
+    EXPECT_EQ(signedParams.status, Status::SUCCESS);
+    EXPECT_EQ(signedParams.params.getZeroPoint(), -128);
+}
+
+// Round to nearest, ties to the even mantissa, at every boundary of the
+// half format; decoding gives back the value that was stored.
+TEST(Half, RoundsToNearestEven) {
+    struct Case {
+        double value;
+        uint16_t bits;
+    };
+    const Case cases[] = {
+        {1.0, 0x3C00},
+        {1.0 + std::ldexp(1.0, -11), 0x3C00},                         // tie between 1 and its successor: even
+        {1.0 + 3 * std::ldexp(1.0, -11), 0x3C02},                     // tie between odd and even successor: even
+        {1.0 + std::ldexp(1.0, -11) + std::ldexp(1.0, -30), 0x3C01},  // just past the tie
+        {65504.0, 0x7BFF},
+        {65519.99, 0x7BFF},
+        {65520.0, 0x7C00},  // rounds up past the largest finite half
+        {-1e6, 0xFC00},
+        {std::ldexp(1.0, -14), 0x0400},     // smallest normal
+        {std::ldexp(1023.5, -24), 0x0400},  // largest subnormal's tie rounds up into the normals
+        {std::ldexp(1.0, -24), 0x0001},     // smallest subnormal
+        {std::ldexp(1.0, -25), 0x0000},     // tie with zero: even
+        {std::ldexp(3.0, -26), 0x0001},     // past the tie
+        {-0.0, 0x8000},
+        {-std::ldexp(1.0, -26), 0x8000},  // underflows, keeps its sign
+        {2049.0, 0x6800},                 // 2048 and 2050 are neighbours; tie to 2048
+        {2051.0, 0x6802},                 // tie to 2052
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(toHalf(c.value), c.bits) << c.value;
+    }
+    EXPECT_EQ(toHalf(std::numeric_limits<double>::quiet_NaN()) & 0x7E00u, 0x7E00u);
+    EXPECT_TRUE(std::isnan(fromHalf(0x7E00)));
+    EXPECT_EQ(fromHalf(0xFC00), -std::numeric_limits<double>::infinity());
+    EXPECT_EQ(fromHalf(0x0001), std::ldexp(1.0, -24));
+    EXPECT_EQ(fromHalf(0x7BFF), 65504.0);
+    for (uint32_t bits = 0; bits < 0x7C00; ++bits) {
+        ASSERT_EQ(toHalf(fromHalf(static_cast<uint16_t>(bits))), bits) << "every finite half survives the round trip";
+    }
+}
+
+// ---- partition ------------------------------------------------------------------
+
+TEST(Partition, RunsOfSupportedOperationsAndTheirMacs) {
+    HostGraph g;
+    const uint32_t in = g.addQuant8({1, 7, 7, 4}, 1.0f, 0, Lifetime::Input);
+    const uint32_t convFilter = g.addQuant8({2, 3, 3, 4}, 1.0f, 0, Lifetime::Constant, std::vector<uint8_t>(72, 1));
+    const uint32_t convOut = g.addQuant8({1, 5, 5, 2}, 1.0f, 0, Lifetime::Internal);
+    const uint32_t dwFilter = g.addQuant8({1, 3, 3, 2}, 1.0f, 0, Lifetime::Constant, std::vector<uint8_t>(18, 1));
+    const uint32_t dwOut = g.addQuant8({1, 3, 3, 2}, 1.0f, 0, Lifetime::Internal);
+    const uint32_t weights = g.addQuant8({10, 18}, 1.0f, 0, Lifetime::Constant, std::vector<uint8_t>(180, 1));
+    const uint32_t fcOut = g.addQuant8({1, 10}, 1.0f, 0, Lifetime::Internal);
+    const uint32_t out = g.addQuant8({1, 10}, 1.0f, 0, Lifetime::Output);
+    const uint32_t none = g.addInt32(0);
+    g.addOperation(OperationType::CONV_2D, {in, convFilter, none}, {convOut});             // 50 x 36
+    g.addOperation(OperationType::DEPTHWISE_CONV_2D, {convOut, dwFilter, none}, {dwOut});  // 18 x 9
+    g.addOperation(OperationType::FULLY_CONNECTED, {dwOut, weights, none}, {fcOut});       // 10 x 18
+    g.addOperation(OperationType::RELU, {fcOut}, {out});
+    g.addOperation(OperationType::CONV_2D, {in, none}, {out});  // filter of the wrong rank
+    EXPECT_EQ(operationMacs(g, 0), 1800u);
+    EXPECT_EQ(operationMacs(g, 1), 162u);
+    EXPECT_EQ(operationMacs(g, 2), 180u);
+    EXPECT_EQ(operationMacs(g, 3), 0u);
+    EXPECT_EQ(operationMacs(g, 4), 0u);
+
+    const Partition p = partitionGraph(g, {0, 1, 2, 0, -1});
+    ASSERT_EQ(p.segments.size(), 4u);
+    EXPECT_TRUE(p.segments[0].accelerator);
+    EXPECT_EQ(p.segments[0].last, 0u);
+    EXPECT_FALSE(p.segments[1].accelerator) << "levels 1 and 2 both stay on the CPU, in one run";
+    EXPECT_EQ(p.segments[1].first, 1u);
+    EXPECT_EQ(p.segments[1].last, 2u);
+    EXPECT_EQ(p.segments[1].macs, 342u);
+    EXPECT_TRUE(p.segments[2].accelerator);
+    EXPECT_EQ(p.segments[2].first, 3u);
+    EXPECT_EQ(p.segments[2].last, 3u);
+    EXPECT_FALSE(p.segments[3].accelerator) << "an operation without an answer is not the accelerator's";
+    EXPECT_EQ(p.acceleratorOperations, 2u);
+    EXPECT_EQ(p.operations, 5u);
+    EXPECT_EQ(p.acceleratorMacs, 1800u);
+    EXPECT_EQ(p.macs, 2142u);
 }
 
 // ---- comparison ---------------------------------------------------------------

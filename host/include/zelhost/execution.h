@@ -19,6 +19,31 @@ std::vector<int> querySupport(IAccelerator& accelerator, HostGraph& graph);
 // True when every level is 0.
 bool allSupported(const std::vector<int>& levels);
 
+// Multiply-accumulates of operation `index`, from the declared shapes of its
+// operands: CONV_2D output elements x filter height x width x input depth,
+// DEPTHWISE_CONV_2D output elements x filter height x width,
+// FULLY_CONNECTED output elements x input size. Every other operation, and
+// one whose operands are missing or of another rank, counts 0.
+uint64_t operationMacs(const HostGraph& graph, uint32_t index);
+
+// The split a host makes from the support answers: every maximal run of
+// consecutive supported operations goes to the accelerator, every run of
+// the others to the host's CPU.
+struct Segment {
+    bool accelerator = false;
+    uint32_t first = 0;  // operation indices, inclusive
+    uint32_t last = 0;
+    uint64_t macs = 0;
+};
+struct Partition {
+    std::vector<Segment> segments;
+    uint32_t acceleratorOperations = 0;
+    uint32_t operations = 0;
+    uint64_t acceleratorMacs = 0;
+    uint64_t macs = 0;
+};
+Partition partitionGraph(const HostGraph& graph, const std::vector<int>& levels);
+
 // Host-side buffers of one execution, one per graph input / output.
 struct IoBuffers {
     std::vector<std::vector<uint8_t>> inputs;
@@ -53,7 +78,8 @@ std::string formatValues(ElementKind kind, const std::vector<uint8_t>& bytes, ui
 enum class CaseClass { Pass, Declined, Refused, Fail, Error };
 struct CaseResult {
     CaseClass result = CaseClass::Error;
-    std::string reason;  // why it did not pass ("" for a pass)
+    std::string reason;        // why it did not pass ("" for a pass)
+    bool unavailable = false;  // the accelerator answered status 7
 };
 // "pass", "declined", "refused", "FAIL", "ERROR".
 const char* caseClassName(CaseClass value);

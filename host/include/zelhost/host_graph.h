@@ -38,6 +38,12 @@ public:
     float mScale = 0.0f;
     int32_t mZeroPoint = 0;
     bool mHasQuantization = false;
+    // Per-channel quantization (TENSOR_QUANT8_SYMM_PER_CHANNEL): real =
+    // mChannelScales[c] * q along dimension mChannelDim. The host interfaces
+    // have no call for it, so a plug-in sees only the type.
+    bool mHasChannelQuant = false;
+    uint32_t mChannelDim = 0;
+    std::vector<float> mChannelScales;
     Lifetime mLifetime = Lifetime::Internal;
     std::vector<uint8_t> mData;  // constant bytes (owned)
     bool mHasData = false;       // a constant may also be declared without data

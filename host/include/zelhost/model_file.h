@@ -2,7 +2,8 @@
 // expected to produce and the tolerance they are compared with.
 //
 //   {"name": ..., "origin": ...,                      (optional strings)
-//    "operands":   [{"type", "dims", "scale", "zeroPoint", "lifetime", "data"?}],
+//    "operands":   [{"type", "dims", "scale", "zeroPoint", "lifetime", "data"?,
+//                    "channelQuant"?: {"channelDim", "scales"}}],
 //    "operations": [{"type", "inputs", "outputs"}],
 //    "inputs": [...], "outputs": [...],                (operand indices)
 //    "inputData": [[...]], "expected": [[...]],         (optional, one array per graph input / output)
@@ -10,7 +11,8 @@
 //
 // The loader never throws and never aborts: every problem is one message
 // naming the file and the place, "model.json: operands[3].data: expected 4
-// values, got 3".
+// values, got 3". Element values are written as JSON numbers in every type
+// (float16 too, stored as the nearest half); booleans also as true / false.
 //
 // Strict loading (the default) accepts only graphs a host could really
 // build. Lenient loading (`checkIndices = false`) keeps the JSON checks but
@@ -41,15 +43,31 @@ struct LoadOptions {
 };
 
 // How the values of one operand type are stored.
-enum class ElementKind { Float32, Int32, Uint32, Uint8 };
+enum class ElementKind { Float32, Int32, Uint32, Uint8, Int8, Int16, Uint16, Float16, Bool8 };
+
+// One operand type code of the numbering the host loads.
+struct OperandTypeInfo {
+    int32_t code;
+    const char* name;  // the host's text, "TENSOR_FLOAT16"
+    ElementKind kind;
+    bool scalar;  // declared without dimensions
+};
+// The entry of `code`, or null for a code outside the numbering.
+const OperandTypeInfo* findOperandType(int32_t code);
 
 // Element kind of an operand type code. Codes without a defined kind (only
 // reachable through lenient loading) are stored as 32-bit integers.
 ElementKind elementKindOf(int32_t operandType);
-// Bytes per element: 4, or 1 for Uint8.
+// Bytes per element: 4, 2 or 1.
 uint32_t elementSize(ElementKind kind);
 // Element `index` of `bytes` (no alignment needed), as a double.
 double readElement(ElementKind kind, const uint8_t* bytes, uint32_t index);
+
+// IEEE half precision: the nearest half to `value`, ties to the even
+// mantissa; values past the largest finite half become infinity, NaN stays
+// NaN (quiet) and the sign of zero is kept.
+uint16_t toHalf(double value);
+double fromHalf(uint16_t bits);
 
 struct LoadedModel {
     std::string source;  // file name used in messages
@@ -74,6 +92,13 @@ std::string parseModel(const std::string& text, const std::string& source, Loade
                        const LoadOptions& options = LoadOptions());
 // Reads and parses the file at `path` (named by `path` in messages).
 std::string loadModelFile(const std::string& path, LoadedModel& model, const LoadOptions& options = LoadOptions());
+
+// The whole file at `path` into `text`. Returns "" or the reason, naming the
+// file: "<path>: cannot open file: Is a directory".
+std::string readFile(const std::string& path, std::string& text);
+// Creates or replaces the file at `path` with `size` bytes. Returns "" or
+// "<path>: cannot write file: <reason>".
+std::string writeFile(const std::string& path, const void* data, size_t size);
 
 // Element count of an operand: product of its current dimensions, 1 for a
 // scalar; 0 when the index is out of range.

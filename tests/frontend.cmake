@@ -4,8 +4,8 @@ set(ZEL_FRONTEND_DEFINITIONS
   ZEL_PLUGIN_PATH="$<TARGET_FILE:ravine-acc-zel>"
   ZEL_RUNTIME_PATH="$<TARGET_FILE:zel_kestrel_runtime>"
   ZEL_ZELRUN_PATH="$<TARGET_FILE:zelrun>"
-  ZEL_EXAMPLES_DIR="${CMAKE_SOURCE_DIR}/examples"
-  ZEL_CONFORMANCE_DIR="${CMAKE_SOURCE_DIR}/../shared/conformance"
+  ZEL_EXAMPLES_DIR="${PROJECT_SOURCE_DIR}/examples"
+  ZEL_CONFORMANCE_DIR="${CMAKE_CURRENT_SOURCE_DIR}/conformance"
   ZEL_CROSSCOMPILING=$<BOOL:${CMAKE_CROSSCOMPILING}>)
 
 zel_add_gtest(frontend_model_file_test
@@ -16,7 +16,7 @@ target_compile_definitions(frontend_model_file_test PRIVATE ${ZEL_FRONTEND_DEFIN
 
 # Links the simulator for its control API, never the plug-in itself.
 zel_add_gtest(frontend_plugin_test
-  SOURCES frontend/plugin_test.cpp frontend/exports_test.cpp
+  SOURCES frontend/plugin_test.cpp
   LIBS zelhost zel_kestrel_runtime ${CMAKE_DL_LIBS}
   LABELS frontend)
 target_compile_definitions(frontend_plugin_test PRIVATE ${ZEL_FRONTEND_DEFINITIONS})
@@ -28,6 +28,21 @@ zel_add_gtest(frontend_zelrun_test
 target_compile_definitions(frontend_zelrun_test PRIVATE ${ZEL_FRONTEND_DEFINITIONS})
 add_dependencies(frontend_zelrun_test zelrun ravine-acc-zel zel_kestrel_runtime)
 
-add_test(NAME conformance COMMAND zelrun --log off --conformance ${CMAKE_SOURCE_DIR}/../shared/conformance)
+add_test(NAME conformance COMMAND zelrun --log off --conformance ${CMAKE_CURRENT_SOURCE_DIR}/conformance)
 set_tests_properties(conformance PROPERTIES
   ENVIRONMENT "LD_LIBRARY_PATH=${ZEL_SIM_DIR}" LABELS "frontend;conformance" TIMEOUT 600)
+
+# What the built libraries show a loader: exports, RTTI, and in hardened
+# (Release) builds full RELRO. readelf reads the cross builds' files too.
+find_program(ZEL_PYTHON3 python3 REQUIRED)
+if(CMAKE_READELF)
+  set(ZEL_READELF ${CMAKE_READELF})
+else()
+  find_program(ZEL_READELF readelf REQUIRED)
+endif()
+add_test(NAME elf_exports_and_hardening
+         COMMAND ${ZEL_PYTHON3} ${CMAKE_CURRENT_SOURCE_DIR}/elf/check_elf.py --readelf ${ZEL_READELF}
+                 --plugin $<TARGET_FILE:ravine-acc-zel> --simulator $<TARGET_FILE:zel_kestrel_runtime>
+                 --zelrun $<TARGET_FILE:zelrun> "--emulator=$<JOIN:${CMAKE_CROSSCOMPILING_EMULATOR}, >"
+                 $<$<CONFIG:Release>:--hardened>)
+set_tests_properties(elf_exports_and_hardening PROPERTIES LABELS frontend TIMEOUT 60)

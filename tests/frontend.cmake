@@ -40,9 +40,13 @@ if(CMAKE_READELF)
 else()
   find_program(ZEL_READELF readelf REQUIRED)
 endif()
+set(ZEL_ELF_HARDENED "")
+if(CMAKE_BUILD_TYPE STREQUAL "Release")
+  set(ZEL_ELF_HARDENED --hardened)
+endif()
 add_test(NAME elf_exports_and_hardening
          COMMAND ${ZEL_PYTHON3} ${CMAKE_CURRENT_SOURCE_DIR}/elf/check_elf.py --readelf ${ZEL_READELF}
                  --plugin $<TARGET_FILE:ravine-acc-zel> --simulator $<TARGET_FILE:zel_kestrel_runtime>
                  --zelrun $<TARGET_FILE:zelrun> "--emulator=$<JOIN:${CMAKE_CROSSCOMPILING_EMULATOR}, >"
-                 $<$<CONFIG:Release>:--hardened>)
+                 ${ZEL_ELF_HARDENED})
 set_tests_properties(elf_exports_and_hardening PROPERTIES LABELS frontend TIMEOUT 60)

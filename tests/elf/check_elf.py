@@ -51,9 +51,11 @@ def check_plugin(tool, path, hardened, problems):
         problems.append(f"{path}: exports {names}, expected exactly ['CreateAccelerator_zel']")
     # Type information of the plug-in's own types (hidden ones included).
     # A catch clause naming a standard type (std::exception) needs that
-    # type's information even without RTTI, so _ZTISt/_ZTSSt are allowed.
+    # type's information even without RTTI, so _ZTISt/_ZTSSt are allowed, and
+    # so are function types (_ZTIF...), which the undefined-behaviour
+    # sanitizer emits for its checks of indirect calls.
     rtti = sorted({name for name, _, _, defined in symbols(tool, path, "--syms") + symbols(tool, path, "--dyn-syms")
-                   if defined and re.match(r"_ZT[IS](?!St)", name)})
+                   if defined and re.match(r"_ZT[IS](?!St|F)", name)})
     if rtti:
         problems.append(f"{path}: carries run-time type information: {rtti[:5]}")
     if hardened:

@@ -13,17 +13,15 @@ namespace host {
 
 namespace {
 
-// The simulator's observation API, looked up by its (Itanium C++ ABI)
-// symbol names: int zelsim::lastGraphId() and std::string
-// zelsim::renderDot(int). Both sides are built by the same build.
-constexpr const char kLastGraphIdSymbol[] = "_ZN6zelsim11lastGraphIdEv";
-constexpr const char kRenderDotSymbol[] = "_ZN6zelsim9renderDotB5cxx11Ei";
+// The simulator's C observation functions (zelsim/c_control.h).
+constexpr const char kLastGraphIdSymbol[] = "zelsim_last_graph_id";
+constexpr const char kRenderDotSymbol[] = "zelsim_render_dot";
 constexpr const char kSnpprintSymbol[] = "kestrel_zel_nn_snpprint";
 constexpr const char kGetlogSymbol[] = "kestrel_zel_nn_getlog";
 constexpr const char kRuntimeFile[] = "libzel_kestrel_runtime.so";
 
 using LastGraphIdFn = int (*)();
-using RenderDotFn = std::string (*)(int);
+using RenderDotFn = int (*)(int, char*, unsigned);
 using SnpprintFn = int (*)(int, unsigned char*, unsigned int);  // also getlog
 
 constexpr unsigned kListingBytes = 1u << 20;
@@ -123,7 +121,15 @@ std::string dumpLastRuntimeGraph(void* runtimeHandle, std::string& error) {
     auto snpprint = reinterpret_cast<SnpprintFn>(dlsym(handle, kSnpprintSymbol));
     std::string result;
     int graphId = lastGraphId != nullptr ? lastGraphId() : 0;
-    if (graphId > 0 && renderDot != nullptr) result = renderDot(graphId);
+    if (graphId > 0 && renderDot != nullptr) {
+        const int length = renderDot(graphId, nullptr, 0);
+        if (length > 0) {
+            std::vector<char> text(static_cast<size_t>(length) + 1);
+            if (renderDot(graphId, text.data(), static_cast<unsigned>(text.size())) == length) {
+                result.assign(text.data(), static_cast<size_t>(length));
+            }
+        }
+    }
     if (result.empty() && snpprint != nullptr) {
         std::string text;
         if (graphId > 0 && listing(snpprint, graphId, text)) {

@@ -11,6 +11,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
+#include <initializer_list>
 #include <iostream>
 #include <map>
 #include <nlohmann/json.hpp>
@@ -18,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "zelhost/build_id.h"
 #include "zelhost/execution.h"
 #include "zelhost/graph_dump.h"
 #include "zelhost/model_file.h"
@@ -34,6 +37,7 @@ enum ExitCode { kRan = 0, kFailure = 1, kUsage = 2, kDeclined = 3, kMismatch = 4
 const char kUsageText[] =
     "usage: zelrun [options] MODEL.json\n"
     "       zelrun [options] --conformance DIR\n"
+    "       zelrun [--plugin PATH] --version\n"
     "options:\n"
     "  --plugin PATH        accelerator plug-in (default: the build's ravine-acc-zel.so)\n"
     "  --runtime PATH       runtime library loaded before the plug-in (default: the build's\n"
@@ -50,6 +54,7 @@ const char kUsageText[] =
     "                       and stop (no execution)\n"
     "  --lenient            load graph-level oddities as they are (out-of-range indices ...)\n"
     "  --conformance DIR    run every .json file below DIR and classify each case\n"
+    "  --version            print zelrun's version and the plug-in's build id\n"
     "  -h, --help           this text\n"
     "exit codes: 0 ran (and matched), 1 failure, 2 usage, 3 declined, 4 mismatch\n"
     "When an operation is declined, zelrun shows the partition a host would make: each run of\n"
@@ -69,6 +74,7 @@ struct Options {
     unsigned repeat = 1;
     std::string dumpGraph;
     bool lenient = false;
+    bool version = false;
 };
 
 // ---- log sink ---------------------------------------------------------------
@@ -97,12 +103,15 @@ bool exists(const std::string& path) {
     return std::filesystem::exists(path, ec);
 }
 
-// The path baked in at configure time, else the same file relative to this
-// executable (<build>/host/zelrun -> <build>/<relative>), else the baked one.
-std::string defaultPath(const char* baked, const char* relative) {
-    if (exists(baked)) return baked;
-    const std::string nearby = executableDir() + "/../" + relative;
-    return exists(nearby) ? nearby : baked;
+// The first of `relatives` (paths from this executable's folder) that
+// exists, else the first one, which the loader's message then names.
+std::string defaultPath(std::initializer_list<std::string> relatives) {
+    const std::filesystem::path dir = executableDir();
+    for (const std::string& relative : relatives) {
+        const std::string path = (dir / relative).lexically_normal().string();
+        if (exists(path)) return path;
+    }
+    return (dir / *relatives.begin()).lexically_normal().string();
 }
 
 // ---- argument parsing -------------------------------------------------------
@@ -166,6 +175,8 @@ int parseArguments(int argc, char** argv, Options& options) {
             if (!value(options.dumpGraph)) return usage("--dump-graph needs a file");
         } else if (arg == "--lenient") {
             options.lenient = true;
+        } else if (arg == "--version") {
+            options.version = true;
         } else if (arg == "--conformance") {
             if (!value(options.conformance)) return usage("--conformance needs a folder");
         } else if (!arg.empty() && arg[0] == '-') {
@@ -176,7 +187,9 @@ int parseArguments(int argc, char** argv, Options& options) {
             return usage("more than one model file given");
         }
     }
-    if (options.model.empty() == options.conformance.empty()) {
+    if (options.version) {
+        if (!options.model.empty() || !options.conformance.empty()) return usage("--version takes no model");
+    } else if (options.model.empty() == options.conformance.empty()) {
         return usage(options.model.empty() ? "no model file given" : "give a model file or --conformance, not both");
     }
     const bool runOptions = !options.inputs.empty() || !options.expected.empty() || !options.outputs.empty() ||
@@ -189,11 +202,14 @@ int parseArguments(int argc, char** argv, Options& options) {
             "--json answers the support query only; it takes no --input, --expected, --output, "
             "--repeat or --dump-graph");
     }
-    if (options.plugin.empty()) options.plugin = defaultPath(ZEL_DEFAULT_PLUGIN, "lib/ravine-acc-zel.so");
-    if (!options.runtimeGiven) {
-        options.runtime = std::string(ZEL_DEFAULT_RUNTIME).empty()
-                              ? std::string()
-                              : defaultPath(ZEL_DEFAULT_RUNTIME, "sim/libzel_kestrel_runtime.so");
+    // The build's layout (<build>/host/zelrun, <build>/lib, <build>/sim),
+    // then the installed one (<prefix>/bin/zelrun, <prefix>/lib).
+    if (options.plugin.empty()) {
+        options.plugin = defaultPath({"../lib/ravine-acc-zel.so", ZEL_LIBDIR_FROM_BINDIR "/ravine-acc-zel.so"});
+    }
+    if (!options.runtimeGiven && ZEL_WITH_SIMULATOR) {
+        options.runtime =
+            defaultPath({"../sim/libzel_kestrel_runtime.so", ZEL_LIBDIR_FROM_BINDIR "/libzel_kestrel_runtime.so"});
     }
     return -1;
 }
@@ -579,6 +595,18 @@ int main(int argc, char** argv) {
     zel_log_set_sink(logSink, nullptr);
 
     PluginLoader loader;
+    if (options.version) {
+        // The plug-in alone: it opens its runtime only when first used.
+        std::cout << "zelrun " << ZEL_VERSION << "\n";
+        const std::string error = loader.load(options.plugin);
+        if (!error.empty()) {
+            std::cerr << "zelrun: " << error << "\n";
+            return kFailure;
+        }
+        const std::string id = loadedBuildId(loader.pluginHandle());
+        std::cout << "plug-in " << options.plugin << ": build id " << (id.empty() ? "none" : id) << "\n";
+        return kRan;
+    }
     const std::string error = loader.load(options.plugin, options.runtime);
     if (!error.empty()) {
         std::cerr << "zelrun: " << error << "\n";

@@ -6,4 +6,4 @@ zel_add_gtest(checks_test
   LABELS checks)
 target_include_directories(checks_test PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/checks)
 # Located lines are checked against the sources they name.
-target_compile_definitions(checks_test PRIVATE ZEL_SOURCE_DIR="${CMAKE_SOURCE_DIR}")
+target_compile_definitions(checks_test PRIVATE ZEL_SOURCE_DIR="${PROJECT_SOURCE_DIR}")

@@ -1,6 +1,6 @@
 # Diagnostics text, runtime binding, controller, voting thread and the
 # plug-in front end.
-set(ZEL_FOUNDATION_EMPTY_LIBDIR ${CMAKE_BINARY_DIR}/foundation-empty-libdir)
+set(ZEL_FOUNDATION_EMPTY_LIBDIR ${PROJECT_BINARY_DIR}/foundation-empty-libdir)
 file(MAKE_DIRECTORY ${ZEL_FOUNDATION_EMPTY_LIBDIR})
 
 zel_add_gtest(foundation_text_test
@@ -22,7 +22,7 @@ target_compile_definitions(foundation_nolib_test PRIVATE ZEL_MISSING_RUNTIME=1)
 zel_add_gtest(foundation_noconfig_test
   SOURCES foundation/unusable_runtime_test.cpp
   LIBS zel_core
-  ENV LD_LIBRARY_PATH=${CMAKE_BINARY_DIR}/sim-noconfig)
+  ENV LD_LIBRARY_PATH=${PROJECT_BINARY_DIR}/sim-noconfig)
 target_compile_definitions(foundation_noconfig_test PRIVATE ZEL_MISSING_RUNTIME=0)
 
 zel_add_gtest(foundation_voting_test

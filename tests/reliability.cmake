@@ -13,7 +13,7 @@ target_compile_definitions(fuzz_replay_test PRIVATE ZEL_FUZZ_CORPUS="${CMAKE_CUR
 # all through the accelerator as a host drives it, on the simulator.
 add_library(zel_reliability_support STATIC reliability/reliability_support.cpp)
 target_link_libraries(zel_reliability_support PUBLIC zel_core zelhost zel_kestrel_runtime zel_test_support gtest)
-target_compile_definitions(zel_reliability_support PUBLIC ZEL_EXAMPLES_DIR="${CMAKE_SOURCE_DIR}/examples")
+target_compile_definitions(zel_reliability_support PUBLIC ZEL_EXAMPLES_DIR="${PROJECT_SOURCE_DIR}/examples")
 
 zel_add_gtest(reliability_malformed_test
   SOURCES reliability/malformed_graph_test.cpp
@@ -41,4 +41,4 @@ zel_add_gtest(support_matrix_test
   SOURCES docs/support_matrix_test.cpp
   LIBS zel_core
   LABELS docs)
-target_compile_definitions(support_matrix_test PRIVATE ZEL_SOURCE_DIR="${CMAKE_SOURCE_DIR}")
+target_compile_definitions(support_matrix_test PRIVATE ZEL_SOURCE_DIR="${PROJECT_SOURCE_DIR}")

@@ -8,4 +8,4 @@ zel_add_gtest(simops_test
   LIBS zelsim_ops
   LABELS simops)
 # The kernel-level tests reach the integer and reference forms directly.
-target_include_directories(simops_test PRIVATE ${CMAKE_SOURCE_DIR}/sim/ops)
+target_include_directories(simops_test PRIVATE ${PROJECT_SOURCE_DIR}/sim/ops)

@@ -1,7 +1,10 @@
 // Text (snpprint) and DOT renderings.
 #include <gtest/gtest.h>
 
+#include <vector>
+
 #include "sim_test_util.h"
+#include "zelsim/c_control.h"
 
 namespace {
 
@@ -80,6 +83,27 @@ TEST_F(RenderTest, DotHasBoxesEllipsesAndLabelledEdges) {
 TEST_F(RenderTest, UnknownGraphRendersNothing) {
     EXPECT_EQ("", zelsim::renderText(42));
     EXPECT_EQ("", zelsim::renderDot(42));
+    char untouched[2] = {'x', 'x'};
+    EXPECT_EQ(-1, zelsim_render_dot(42, untouched, sizeof untouched));
+    EXPECT_EQ('x', untouched[0]);
+}
+
+// The C form of the DOT rendering: the whole length whatever the buffer,
+// truncated copies always NUL-terminated, an exact fit copied whole.
+TEST_F(RenderTest, CDotRenderingReportsItsLengthAndTruncates) {
+    simtest::Graph g;
+    build(g);
+    EXPECT_EQ(g.id(), zelsim_last_graph_id());
+    const std::string dot = zelsim::renderDot(g.id());
+    const int length = static_cast<int>(dot.size());
+    EXPECT_EQ(length, zelsim_render_dot(g.id(), nullptr, 0));
+    std::vector<char> buffer(dot.size() + 1, 'x');
+    EXPECT_EQ(length, zelsim_render_dot(g.id(), buffer.data(), static_cast<unsigned>(buffer.size())));
+    EXPECT_EQ(dot, std::string(buffer.data()));
+    EXPECT_EQ(length, zelsim_render_dot(g.id(), buffer.data(), 8));
+    EXPECT_EQ(dot.substr(0, 7), std::string(buffer.data()));
+    EXPECT_EQ(length, zelsim_render_dot(g.id(), buffer.data(), 1));
+    EXPECT_EQ('\0', buffer[0]);
 }
 
 }  // namespace

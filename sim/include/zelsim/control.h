@@ -9,7 +9,9 @@
 
 #include "zel_kestrel_runtime.h"
 
+#ifndef ZELSIM_API
 #define ZELSIM_API __attribute__((visibility("default")))
+#endif
 
 namespace zelsim {
 

@@ -9,6 +9,10 @@
 
 #include "zel_kestrel_runtime.h"
 
+#ifndef ZELSIM_API
+#define ZELSIM_API __attribute__((visibility("default")))
+#endif
+
 namespace zelsim {
 
 // A value flowing between nodes: four dims (batches, height, width, depth),
@@ -50,6 +54,6 @@ struct OpSpec {
 };
 
 // The table entry of `op`, or null for an op code the simulator does not know.
-const OpSpec* findOp(int32_t op);
+ZELSIM_API const OpSpec* findOp(int32_t op);
 
 }  // namespace zelsim

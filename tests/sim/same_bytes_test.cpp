@@ -6,13 +6,13 @@
 // The expected checksums are data recorded from the simulator's earlier
 // single-thread loops, before the library path and the thread pool existed;
 // a change to any output byte shows up here.
+#include <dirent.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <dirent.h>
 #include <string>
 #include <vector>
 

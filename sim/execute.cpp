@@ -95,7 +95,19 @@ Tensor fromRecord(const kestrel_zel_nn_output& r) {
 
 class Run {
 public:
-    explicit Run(const Graph& g) : mGraph(g), mValues(g.nodes.size()) {}
+    // Each value is freed right after its last reader ran, so the memory of
+    // a long graph stays small and warm (the allocator hands the same
+    // blocks back to later nodes).
+    explicit Run(const Graph& g) : mGraph(g), mValues(g.nodes.size()), mLastUse(g.nodes.size(), 0) {
+        for (size_t i = 0; i < g.nodes.size(); ++i) {
+            const Node& n = g.nodes[i];
+            if (!n.accepted || n.isConst) continue;
+            for (const auto& ref : n.inputs) {
+                const auto it = g.acceptedAt.find(ref.src_id);
+                if (it != g.acceptedAt.end()) mLastUse[it->second] = std::max(mLastUse[it->second], i);
+            }
+        }
+    }
 
     // The tensor behind a reference already checked at append time.
     const Tensor* value(const kestrel_zel_nn_input& ref) const {
@@ -150,10 +162,20 @@ public:
             }
         }
         mValues[index] = std::move(out);
+        release(index);
         return "";
     }
 
 private:
+    void release(size_t index) {
+        for (const auto& ref : mGraph.nodes[index].inputs) {
+            const auto it = mGraph.acceptedAt.find(ref.src_id);
+            if (it != mGraph.acceptedAt.end() && mLastUse[it->second] == index && !mGraph.nodes[it->second].isConst) {
+                std::vector<Tensor>().swap(mValues[it->second]);
+            }
+        }
+    }
+
     std::string copyOut(const std::vector<const Tensor*>& in, kestrel_zel_nn_tensordef* outputs) const {
         for (size_t i = 0; i < in.size(); ++i) {
             const std::vector<uint8_t>& bytes = in[i]->data;
@@ -169,6 +191,7 @@ private:
 
     const Graph& mGraph;
     std::vector<std::vector<Tensor>> mValues;  // per node index, its outputs
+    std::vector<size_t> mLastUse;              // per node index, the last node reading it
 };
 
 }  // namespace

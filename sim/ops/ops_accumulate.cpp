@@ -4,11 +4,13 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <mutex>
 #include <sstream>
 
 #include "kernels.h"
 #include "op_list.h"
 #include "op_support.h"
+#include "parallel.h"
 
 namespace zelsim {
 namespace detail {
@@ -313,34 +315,55 @@ bool executeBiasAdd(const NodeDesc&, const std::vector<const Tensor*>& inputs, s
     if (r.dimsOf(kBias).count() != depth) return r.fail("bias length does not match the accumulator depth");
     const uint32_t n = dims.count();
     const uint32_t pixels = n / depth;
-    std::vector<int32_t> acc(n), bias(depth);
-    std::memcpy(acc.data(), r.in(kAcc).data.data(), sizeof(int32_t) * n);
+    std::vector<int32_t> bias(depth);
     std::memcpy(bias.data(), r.in(kBias).data.data(), sizeof(int32_t) * depth);
+    const uint8_t* accBytes = r.in(kAcc).data.data();
+    uint8_t* outBytes = nullptr;
+    if (!r.output(0, dims, 4, &outBytes)) return false;
 
-    int64_t maxAcc = 0, maxBias = 0;
-    for (int32_t a : acc) maxAcc = std::max(maxAcc, a < 0 ? -static_cast<int64_t>(a) : a);
+    // One pass: the integer sums are written while the largest accumulator
+    // magnitudes are found; they stand when the step does not grow (the
+    // usual case), otherwise a second pass writes the rounded real sums.
+    int64_t maxBias = 0;
     for (int32_t b : bias) maxBias = std::max(maxBias, b < 0 ? -static_cast<int64_t>(b) : b);
+    std::mutex maxMutex;
+    int64_t maxAcc = 0;
+    parallel::parallelFor(pixels, 64, [&](size_t begin, size_t end) {
+        std::vector<int32_t> row(depth), sum(depth);
+        int32_t hi = 0, lo = 0;
+        for (size_t p = begin; p < end; ++p) {
+            std::memcpy(row.data(), accBytes + p * depth * sizeof(int32_t), sizeof(int32_t) * depth);
+            for (uint32_t c = 0; c < depth; ++c) {
+                hi = std::max(hi, row[c]);
+                lo = std::min(lo, row[c]);
+                // Wrapping addition: a sum that leaves int32 is rewritten below.
+                sum[c] = static_cast<int32_t>(static_cast<uint32_t>(row[c]) + static_cast<uint32_t>(bias[c]));
+            }
+            std::memcpy(outBytes + p * depth * sizeof(int32_t), sum.data(), sizeof(int32_t) * depth);
+        }
+        const int64_t rangeMax = std::max<int64_t>(hi, -static_cast<int64_t>(lo));
+        std::lock_guard<std::mutex> lock(maxMutex);
+        maxAcc = std::max(maxAcc, rangeMax);
+    });
     const bool sameStep = std::fabs(stepA - stepB) <= 1e-6 * stepA;
     const double step =
         accumulatorStep(stepA, static_cast<double>(maxAcc) * stepA + static_cast<double>(maxBias) * stepB);
-    std::vector<int32_t> out(n);
-    if (sameStep && step == stepA) {
-        // |acc| + |bias| fits: the step did not grow.
-        for (uint32_t p = 0; p < pixels; ++p) {
-            const int32_t* a = acc.data() + static_cast<size_t>(p) * depth;
-            int32_t* o = out.data() + static_cast<size_t>(p) * depth;
-            for (uint32_t c = 0; c < depth; ++c) o[c] = a[c] + bias[c];
-        }
-    } else {
+    if (!(sameStep && step == stepA)) {
         for (uint32_t p = 0; p < pixels; ++p) {
             for (uint32_t c = 0; c < depth; ++c) {
                 const size_t i = static_cast<size_t>(p) * depth + c;
-                const double real = acc[i] * stepA + bias[c] * stepB;
-                out[i] = static_cast<int32_t>(std::min(std::max(std::round(real / step), -kInt32Max - 1.0), kInt32Max));
+                int32_t a = 0;
+                std::memcpy(&a, accBytes + i * sizeof(int32_t), sizeof(int32_t));
+                const double real = a * stepA + bias[c] * stepB;
+                const int32_t v =
+                    static_cast<int32_t>(std::min(std::max(std::round(real / step), -kInt32Max - 1.0), kInt32Max));
+                std::memcpy(outBytes + i * sizeof(int32_t), &v, sizeof(int32_t));
             }
         }
     }
-    return writeAccumulator(r, dims, out, step);
+    float lo = 0.0f, hi = 0.0f;
+    rangeOfStep32(step, &lo, &hi);
+    return r.writeRange(lo, hi);
 }
 
 std::string validateRequantize(const NodeDesc& node, const std::vector<InputInfo>& inputs) {
@@ -367,12 +390,27 @@ bool executeRequantize(const NodeDesc&, const std::vector<const Tensor*>& inputs
     uint8_t* out = nullptr;
     if (!r.output(0, dims, 1, &out)) return false;
     const uint32_t n = dims.count();
-    std::vector<int32_t> acc(n);
-    std::memcpy(acc.data(), r.in(kRqIn).data.data(), sizeof(int32_t) * n);
-    // position = acc * step / outStep + offset, the two factors folded once.
+    const uint8_t* src = r.in(kRqIn).data.data();
+    // position = acc * step / outStep + offset, the two factors folded once;
+    // then rounded half up and clamped to [0, 255] as the bytes always are,
+    // written without branches so that the loop runs on vector lanes.
     const double scale = step / target.step;
     const double offset = target.position(0.0);
-    for (uint32_t i = 0; i < n; ++i) out[i] = roundClampU8(acc[i] * scale + offset);
+    parallel::parallelFor(n, 4096, [&](size_t begin, size_t end) {
+        constexpr size_t kChunk = 1024;
+        int32_t acc[kChunk];
+        for (size_t i0 = begin; i0 < end; i0 += kChunk) {
+            const size_t m = std::min(kChunk, end - i0);
+            std::memcpy(acc, src + i0 * sizeof(int32_t), m * sizeof(int32_t));
+            uint8_t* dst = out + i0;
+            for (size_t j = 0; j < m; ++j) {
+                double x = acc[j] * scale + offset;
+                x = x > 0.0 ? x : 0.0;  // also NaN
+                x = x < 255.0 ? x : 255.0;
+                dst[j] = static_cast<uint8_t>(static_cast<int32_t>(x + 0.5));
+            }
+        }
+    });
     return r.writeRange(lo, hi);
 }
 

@@ -7,6 +7,7 @@
 
 #include "library_gemm.h"
 #include "parallel.h"
+#include "vector_loops.h"
 
 namespace zelsim {
 namespace kernels {
@@ -188,18 +189,6 @@ void axpy4(uint32_t n, const int16_t* __restrict b, int16_t x0, int16_t x1, int1
         c2[j] += x2 * w;
         c3[j] += x3 * w;
     }
-}
-
-// acc[j] += x[j] * f[j].
-void multiplyAdd(uint32_t n, const int16_t* __restrict x, const int16_t* __restrict f, int32_t* __restrict acc) {
-    uint32_t j = 0;
-    for (; j + kLanes <= n; j += kLanes) {
-        const int16_t* xj = x + j;
-        const int16_t* fj = f + j;
-        int32_t* aj = acc + j;
-        for (uint32_t t = 0; t < kLanes; ++t) aj[t] += xj[t] * fj[t];
-    }
-    for (; j < n; ++j) acc[j] += x[j] * f[j];
 }
 
 // c[j] += x * b[j].
@@ -430,7 +419,7 @@ void depthwiseInteger(const ConvShape& s, const uint8_t* in, const Affine8& ain,
                         const int16_t* px = x.data() + ky * rowSize + static_cast<size_t>(ix) * s.inD;
                         const int16_t* fk = f.data() + (static_cast<size_t>(ky) * s.fW + kx) * s.outD;
                         if (s.mult == 1) {
-                            multiplyAdd(s.inD, px, fk, a);
+                            loops::multiplyAdd(s.inD, px, fk, a);
                         } else {
                             for (uint32_t c = 0; c < s.inD; ++c) {
                                 const int32_t v = px[c];

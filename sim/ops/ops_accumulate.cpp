@@ -14,6 +14,7 @@
 #include "op_list.h"
 #include "op_support.h"
 #include "parallel.h"
+#include "vector_loops.h"
 
 namespace zelsim {
 namespace detail {
@@ -367,12 +368,7 @@ bool executeBiasAdd(const NodeDesc&, const std::vector<const Tensor*>& inputs, s
         int32_t hi = 0, lo = 0;
         for (size_t p = begin; p < end; ++p) {
             std::memcpy(row.data(), accBytes + p * depth * sizeof(int32_t), sizeof(int32_t) * depth);
-            for (uint32_t c = 0; c < depth; ++c) {
-                hi = std::max(hi, row[c]);
-                lo = std::min(lo, row[c]);
-                // Wrapping addition: a sum that leaves int32 is rewritten below.
-                sum[c] = static_cast<int32_t>(static_cast<uint32_t>(row[c]) + static_cast<uint32_t>(bias[c]));
-            }
+            loops::addBias(row.data(), bias.data(), depth, sum.data(), &hi, &lo);
             std::memcpy(outBytes + p * depth * sizeof(int32_t), sum.data(), sizeof(int32_t) * depth);
         }
         const int64_t rangeMax = std::max<int64_t>(hi, -static_cast<int64_t>(lo));

@@ -1,0 +1,40 @@
+#include "vector_loops.h"
+
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
+#define ZELSIM_VECTOR_CLONES __attribute__((target_clones("avx2", "default")))
+#else
+#define ZELSIM_VECTOR_CLONES
+#endif
+
+namespace zelsim {
+namespace loops {
+
+ZELSIM_VECTOR_CLONES
+void clampBytes(const uint8_t* __restrict in, size_t n, uint8_t lo, uint8_t hi, uint8_t* __restrict out) {
+    for (size_t i = 0; i < n; ++i) {
+        const uint8_t v = in[i] < lo ? lo : in[i];
+        out[i] = v > hi ? hi : v;
+    }
+}
+
+ZELSIM_VECTOR_CLONES
+void addBias(const int32_t* __restrict acc, const int32_t* __restrict bias, uint32_t depth, int32_t* __restrict sum,
+             int32_t* hi, int32_t* lo) {
+    int32_t h = *hi, l = *lo;
+    for (uint32_t c = 0; c < depth; ++c) {
+        const int32_t a = acc[c];
+        h = a > h ? a : h;
+        l = a < l ? a : l;
+        sum[c] = static_cast<int32_t>(static_cast<uint32_t>(a) + static_cast<uint32_t>(bias[c]));
+    }
+    *hi = h;
+    *lo = l;
+}
+
+ZELSIM_VECTOR_CLONES
+void multiplyAdd(uint32_t n, const int16_t* __restrict x, const int16_t* __restrict f, int32_t* __restrict acc) {
+    for (uint32_t j = 0; j < n; ++j) acc[j] += x[j] * f[j];
+}
+
+}  // namespace loops
+}  // namespace zelsim

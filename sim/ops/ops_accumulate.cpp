@@ -6,7 +6,9 @@
 #include <cstring>
 #include <mutex>
 #include <sstream>
-#if defined(__SSE2__)
+#if defined(__x86_64__)
+#include <immintrin.h>
+#elif defined(__SSE2__)
 #include <emmintrin.h>
 #endif
 
@@ -92,8 +94,41 @@ std::string validateWindowProduct(const char* name, bool depthwise, const NodeDe
 // [0, 255], exactly as roundClampU8 does; on x86-64 four values at a time
 // through SSE2 (the same IEEE operations in the same order, so the same
 // bytes).
+#if defined(__x86_64__)
+// The same, eight values at a time, on machines with AVX2.
+__attribute__((target("avx2"))) inline __m128i requantizeLanesAvx2(__m128i acc, double scale, double offset) {
+    __m256d x = _mm256_add_pd(_mm256_mul_pd(_mm256_cvtepi32_pd(acc), _mm256_set1_pd(scale)), _mm256_set1_pd(offset));
+    x = _mm256_max_pd(x, _mm256_setzero_pd());
+    x = _mm256_min_pd(x, _mm256_set1_pd(255.0));
+    return _mm256_cvttpd_epi32(_mm256_add_pd(x, _mm256_set1_pd(0.5)));
+}
+
+__attribute__((target("avx2"))) size_t requantizeAvx2(const uint8_t* accBytes, size_t n, double scale, double offset,
+                                                      uint8_t* out) {
+    auto lane = [scale, offset](__m128i acc) { return requantizeLanesAvx2(acc, scale, offset); };
+    size_t i = 0;
+    for (; i + 8 <= n; i += 8) {
+        const __m128i lo = lane(_mm_loadu_si128(reinterpret_cast<const __m128i*>(accBytes + i * sizeof(int32_t))));
+        const __m128i hi =
+            lane(_mm_loadu_si128(reinterpret_cast<const __m128i*>(accBytes + (i + 4) * sizeof(int32_t))));
+        const __m128i words = _mm_packs_epi32(lo, hi);
+        const __m128i bytes = _mm_packus_epi16(words, words);
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(out + i), bytes);
+    }
+    return i;
+}
+
+bool haveAvx2() {
+    static const bool have = __builtin_cpu_supports("avx2");
+    return have;
+}
+#endif
+
 void requantizeBytes(const uint8_t* accBytes, size_t n, const double scale, const double offset, uint8_t* out) {
     size_t i = 0;
+#if defined(__x86_64__)
+    if (haveAvx2()) i = requantizeAvx2(accBytes, n, scale, offset, out);
+#endif
 #if defined(__SSE2__)
     const __m128d vScale = _mm_set1_pd(scale), vOffset = _mm_set1_pd(offset);
     const __m128d zero = _mm_setzero_pd(), top = _mm_set1_pd(255.0), half = _mm_set1_pd(0.5);
@@ -103,7 +138,7 @@ void requantizeBytes(const uint8_t* accBytes, size_t n, const double scale, cons
         x = _mm_min_pd(x, top);
         return _mm_cvttpd_epi32(_mm_add_pd(x, half));
     };
-    for (; i + 4 <= n; i += 4) {
+    for (; i + 4 <= n; i += 4) {  // what AVX2 left
         const __m128i acc = _mm_loadu_si128(reinterpret_cast<const __m128i*>(accBytes + i * sizeof(int32_t)));
         const __m128i lo = lane(acc), hi = lane(_mm_srli_si128(acc, 8));
         const __m128i words = _mm_unpacklo_epi64(lo, hi);
@@ -117,6 +152,22 @@ void requantizeBytes(const uint8_t* accBytes, size_t n, const double scale, cons
         std::memcpy(&acc, accBytes + i * sizeof(int32_t), sizeof(acc));
         out[i] = roundClampU8(acc * scale + offset);
     }
+}
+
+// Output 0 as the int32 array the products are written into directly (the
+// value buffers come from operator new, aligned for any scalar type).
+bool accumulatorOutput(Run& r, const Dims4& dims, int32_t** acc) {
+    uint8_t* out = nullptr;
+    if (!r.output(0, dims, 4, &out)) return false;
+    *acc = reinterpret_cast<int32_t*>(out);
+    return true;
+}
+
+// The range outputs of a 32-bit result of accumulator step `step`.
+bool writeStep32(Run& r, double step) {
+    float lo = 0.0f, hi = 0.0f;
+    rangeOfStep32(step, &lo, &hi);
+    return r.writeRange(lo, hi);
 }
 
 bool writeAccumulator(Run& r, const Dims4& dims, const std::vector<int32_t>& acc, double step) {
@@ -142,7 +193,8 @@ bool executeWindowProduct(const char* name, bool depthwise, const NodeDesc& node
                                            node.padding == ZEL_NN_PAD_SAME, depthwise, &s);
     if (!why.empty()) return r.fail(why);
     const Dims4 outDims(s.batches, s.outH, s.outW, s.outD);
-    std::vector<int32_t> acc(outDims.count());
+    int32_t* acc = nullptr;
+    if (!accumulatorOutput(r, outDims, &acc)) return false;
     const uint32_t taps = depthwise ? kernels::depthwiseTaps(s) : kernels::convTaps(s);
     const uint8_t* in = r.in(kIn).data.data();
     const uint8_t* filter = r.in(kFilter).data.data();
@@ -150,19 +202,19 @@ bool executeWindowProduct(const char* name, bool depthwise, const NodeDesc& node
     if (kernels::integerSumsFit(taps, ain, af)) {
         step = ain.step * af.step;
         if (depthwise) {
-            kernels::depthwiseInteger(s, in, ain, filter, af, acc.data());
+            kernels::depthwiseInteger(s, in, ain, filter, af, acc);
         } else {
-            kernels::convInteger(s, in, ain, filter, af, acc.data());
+            kernels::convInteger(s, in, ain, filter, af, acc);
         }
     } else {
         step = kernels::productStep(taps, ain, af);
         if (depthwise) {
-            kernels::depthwiseReference(s, in, ain, filter, af, step, acc.data());
+            kernels::depthwiseReference(s, in, ain, filter, af, step, acc);
         } else {
-            kernels::convReference(s, in, ain, filter, af, step, acc.data());
+            kernels::convReference(s, in, ain, filter, af, step, acc);
         }
     }
-    return writeAccumulator(r, outDims, acc, step);
+    return writeStep32(r, step);
 }
 
 // Matrix product inputs.
@@ -300,18 +352,19 @@ bool executeMatMul(const NodeDesc&, const std::vector<const Tensor*>& inputs, st
     if (!why.empty()) return r.fail(why);
     const uint32_t depth = w.d[2];
     const uint32_t units = w.d[3];
-    std::vector<int32_t> acc(outDims.count());
+    int32_t* acc = nullptr;
+    if (!accumulatorOutput(r, outDims, &acc)) return false;
     const uint8_t* in = r.in(kMmIn).data.data();
     const uint8_t* weights = r.in(kMmWeights).data.data();
     double step = 0.0;
     if (kernels::integerSumsFit(depth, ain, aw)) {
         step = ain.step * aw.step;
-        kernels::matmulInteger(rows, depth, units, in, ain, weights, aw, acc.data());
+        kernels::matmulInteger(rows, depth, units, in, ain, weights, aw, acc);
     } else {
         step = kernels::productStep(depth, ain, aw);
-        kernels::matmulReference(rows, depth, units, in, ain, weights, aw, step, acc.data());
+        kernels::matmulReference(rows, depth, units, in, ain, weights, aw, step, acc);
     }
-    return writeAccumulator(r, outDims, acc, step);
+    return writeStep32(r, step);
 }
 
 std::string validateBiasAdd(const NodeDesc& node, const std::vector<InputInfo>& inputs) {

@@ -9,7 +9,8 @@
 //                window rows, the pointwise layers, the classifier) through
 //                oneDNN's u8 x s8 -> s32 GEMM: the floor of what any
 //                implementation of these layers spends
-// Arguments: --zel_size=N runs an NxN input instead of 224 (smoke runs).
+// Arguments: --zel_size=N runs an NxN input instead of 224; --zel_tiny
+// runs each figure once, briefly (smoke runs).
 #include <benchmark/benchmark.h>
 
 #include <cstdint>
@@ -199,8 +200,11 @@ void gemmFloor(benchmark::State& state) {
 
 int main(int argc, char** argv) {
     std::vector<char*> args;
+    bool tiny = false;
     for (int i = 0; i < argc; ++i) {
-        if (std::strncmp(argv[i], "--zel_size=", 11) == 0) {
+        if (std::strcmp(argv[i], "--zel_tiny") == 0) {
+            tiny = true;
+        } else if (std::strncmp(argv[i], "--zel_size=", 11) == 0) {
             gSize = static_cast<uint32_t>(std::strtoul(argv[i] + 11, nullptr, 10));
         } else {
             args.push_back(argv[i]);
@@ -209,9 +213,13 @@ int main(int argc, char** argv) {
     int count = static_cast<int>(args.size());
     benchmark::Initialize(&count, args.data());
     if (benchmark::ReportUnrecognizedArguments(count, args.data())) return 1;
-    auto shape = [](benchmark::internal::Benchmark* b) {
-        b->ArgName("threads")->Arg(1)->Arg(2)->UseRealTime()->MinTime(0.5)->Repetitions(5);
-        b->ReportAggregatesOnly(true);
+    auto shape = [tiny](benchmark::internal::Benchmark* b) {
+        b->ArgName("threads")->Arg(1)->Arg(2)->UseRealTime();
+        if (tiny) {
+            b->Iterations(1);
+        } else {
+            b->MinTime(0.5)->Repetitions(5)->ReportAggregatesOnly(true);
+        }
     };
     shape(benchmark::RegisterBenchmark("sim/mobilenet", simInference));
 #ifdef ZEL_BENCH_XNNPACK

@@ -392,6 +392,21 @@ void depthwiseInteger(const ConvShape& s, const uint8_t* in, const Affine8& ain,
     const size_t imageSize = static_cast<size_t>(s.inH) * s.inW * s.inD;
     // Threads take whole output rows; each centers the input rows it reads.
     const size_t outRows = static_cast<size_t>(s.batches) * s.outH;
+    // One channel per input channel and stride 1 across: each tap adds a
+    // contiguous run of the input row, times the tap's weights repeated
+    // across the row, to a contiguous run of the output row.
+    const bool rowWise = s.mult == 1 && s.strideW == 1;
+    const size_t outRowSize = static_cast<size_t>(s.outW) * s.outD;
+    std::vector<int16_t> tiled;
+    if (rowWise) {
+        tiled.resize(taps * outRowSize);
+        for (uint32_t t = 0; t < taps; ++t) {
+            for (uint32_t ox = 0; ox < s.outW; ++ox) {
+                std::memcpy(tiled.data() + t * outRowSize + static_cast<size_t>(ox) * s.outD,
+                            f.data() + static_cast<size_t>(t) * s.outD, sizeof(int16_t) * s.outD);
+            }
+        }
+    }
     parallel::parallelFor(outRows, 1, [&](size_t begin, size_t end) {
         std::vector<int16_t> x(static_cast<size_t>(s.fH) * s.inW * s.inD);
         std::vector<int32_t> acc(s.outD);
@@ -407,6 +422,24 @@ void depthwiseInteger(const ConvShape& s, const uint8_t* in, const Affine8& ain,
                 int16_t* dst = x.data() + ky * rowSize;
                 for (size_t i = 0; i < rowSize; ++i)
                     dst[i] = static_cast<int16_t>(static_cast<int32_t>(src[i]) - ain.zero);
+            }
+            if (rowWise) {
+                int32_t* o = out + row * outRowSize;
+                std::fill(o, o + outRowSize, 0);
+                for (uint32_t ky = y0; ky < y1; ++ky) {
+                    for (uint32_t kx = 0; kx < s.fW; ++kx) {
+                        // Output columns whose tap kx lies inside the input.
+                        const int64_t lo = std::max<int64_t>(0, static_cast<int64_t>(s.padLeft) - kx);
+                        const int64_t hi = std::min<int64_t>(s.outW, static_cast<int64_t>(s.inW) + s.padLeft - kx);
+                        if (lo >= hi) continue;
+                        const size_t ix = static_cast<size_t>(lo + kx - s.padLeft);
+                        loops::multiplyAdd(static_cast<uint32_t>((hi - lo) * s.outD),
+                                           x.data() + ky * rowSize + ix * s.inD,
+                                           tiled.data() + (static_cast<size_t>(ky) * s.fW + kx) * outRowSize,
+                                           o + static_cast<size_t>(lo) * s.outD);
+                    }
+                }
+                continue;
             }
             for (uint32_t ox = 0; ox < s.outW; ++ox) {
                 uint32_t x0, x1;

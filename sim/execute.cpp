@@ -164,8 +164,8 @@ public:
     }
 
 private:
-    // A zeroed tensor for an output record, on a spare buffer when one is
-    // large enough (the smallest such).
+    // A tensor for an output record, on a spare buffer when one is large
+    // enough (the smallest such), else zeroed.
     Tensor fresh(const kestrel_zel_nn_output& r) {
         Tensor t;
         std::memcpy(t.dims, r.max_sizes, sizeof(t.dims));
@@ -180,11 +180,15 @@ private:
             }
         }
         if (best != spare.size() && bytes >= kSpareMinimum) {
+            // Every kernel writes each byte of its outputs, so a reused
+            // buffer is not cleared first.
             t.data = std::move(spare[best]);
             if (best + 1 != spare.size()) spare[best] = std::move(spare.back());
             spare.pop_back();
+            t.data.resize(bytes);
+        } else {
+            t.data.assign(bytes, 0);
         }
-        t.data.assign(bytes, 0);
         return t;
     }
 

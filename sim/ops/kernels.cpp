@@ -427,16 +427,45 @@ void depthwiseInteger(const ConvShape& s, const uint8_t* in, const Affine8& ain,
                 int32_t* o = out + row * outRowSize;
                 std::fill(o, o + outRowSize, 0);
                 for (uint32_t ky = y0; ky < y1; ++ky) {
+                    const int16_t* xr = x.data() + ky * rowSize;
+                    const int16_t* fr = tiled.data() + static_cast<size_t>(ky) * s.fW * outRowSize;
+                    // Output columns [lo, hi) whose tap kx lies inside the input.
+                    auto columns = [&](uint32_t kx, int64_t* lo, int64_t* hi) {
+                        *lo = std::max<int64_t>(0, static_cast<int64_t>(s.padLeft) - kx);
+                        *hi = std::min<int64_t>(s.outW, static_cast<int64_t>(s.inW) + s.padLeft - kx);
+                    };
+                    // One tap over columns [from, to).
+                    auto oneTap = [&](uint32_t kx, int64_t from, int64_t to) {
+                        if (from >= to) return;
+                        const size_t ix = static_cast<size_t>(from + kx - s.padLeft);
+                        loops::multiplyAdd(static_cast<uint32_t>((to - from) * s.outD), xr + ix * s.inD,
+                                           fr + kx * outRowSize, o + static_cast<size_t>(from) * s.outD);
+                    };
+                    if (s.fW == 3) {
+                        // The columns all three taps reach in one pass; the
+                        // edge columns tap by tap.
+                        int64_t lo[3], hi[3];
+                        for (uint32_t kx = 0; kx < 3; ++kx) columns(kx, &lo[kx], &hi[kx]);
+                        const int64_t from = std::max({lo[0], lo[1], lo[2]});
+                        const int64_t to = std::min({hi[0], hi[1], hi[2]});
+                        if (from < to) {
+                            const size_t ix = static_cast<size_t>(from - s.padLeft);
+                            loops::multiplyAdd3(static_cast<uint32_t>((to - from) * s.outD), xr + ix * s.inD, fr,
+                                                xr + (ix + 1) * s.inD, fr + outRowSize, xr + (ix + 2) * s.inD,
+                                                fr + 2 * outRowSize, o + static_cast<size_t>(from) * s.outD);
+                            for (uint32_t kx = 0; kx < 3; ++kx) {
+                                oneTap(kx, lo[kx], std::min(hi[kx], from));
+                                oneTap(kx, std::max(lo[kx], to), hi[kx]);
+                            }
+                        } else {
+                            for (uint32_t kx = 0; kx < 3; ++kx) oneTap(kx, lo[kx], hi[kx]);
+                        }
+                        continue;
+                    }
                     for (uint32_t kx = 0; kx < s.fW; ++kx) {
-                        // Output columns whose tap kx lies inside the input.
-                        const int64_t lo = std::max<int64_t>(0, static_cast<int64_t>(s.padLeft) - kx);
-                        const int64_t hi = std::min<int64_t>(s.outW, static_cast<int64_t>(s.inW) + s.padLeft - kx);
-                        if (lo >= hi) continue;
-                        const size_t ix = static_cast<size_t>(lo + kx - s.padLeft);
-                        loops::multiplyAdd(static_cast<uint32_t>((hi - lo) * s.outD),
-                                           x.data() + ky * rowSize + ix * s.inD,
-                                           tiled.data() + (static_cast<size_t>(ky) * s.fW + kx) * outRowSize,
-                                           o + static_cast<size_t>(lo) * s.outD);
+                        int64_t lo = 0, hi = 0;
+                        columns(kx, &lo, &hi);
+                        oneTap(kx, lo, hi);
                     }
                 }
                 continue;

@@ -34,6 +34,7 @@ const Sweep kSweeps[] = {
     {1, 1, 1, 70, 1, 1, 4, 1, true, 100, 101},   {3, 4, 4, 2, 4, 4, 3, 1, true, 50, 200},
     {1, 11, 3, 6, 5, 1, 18, 2, true, -255, 510}, {1, 5, 5, 4, 3, 3, 130, 1, true, 1, 254},
     {2, 20, 20, 8, 1, 1, 16, 1, true, 255, 255}, {1, 40, 40, 3, 3, 3, 8, 1, true, 0, 0},
+    {1, 4, 2, 5, 3, 3, 6, 1, true, 9, 77},
 };
 
 // Both accumulation paths (the library GEMM where the build has it, and

@@ -300,7 +300,8 @@ public:
 
 private:
     uint32_t mDepth, mCols;
-    int32_t mZeroIn, mZeroW;
+    int32_t mZeroIn;
+    [[maybe_unused]] int32_t mZeroW;  // read by the library path only
     bool mLibrary = false;
     std::vector<int8_t> mShifted;
     std::vector<int16_t> mCentered;

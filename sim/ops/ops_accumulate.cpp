@@ -462,9 +462,13 @@ bool executeBiasAdd(const NodeDesc&, const std::vector<const Tensor*>& inputs, s
     const int32_t* accIn = reinterpret_cast<const int32_t*>(accBytes);
     int32_t* sums = reinterpret_cast<int32_t*>(outBytes);
     parallel::parallelFor(pixels, 64, [&](size_t begin, size_t end) {
+        std::vector<int32_t> his(depth, 0), los(depth, 0);
+        loops::addBias(accIn + begin * depth, bias.data(), depth, end - begin, sums + begin * depth, his.data(),
+                       los.data());
         int32_t hi = 0, lo = 0;
-        for (size_t p = begin; p < end; ++p) {
-            loops::addBias(accIn + p * depth, bias.data(), depth, sums + p * depth, &hi, &lo);
+        for (uint32_t c = 0; c < depth; ++c) {
+            hi = std::max(hi, his[c]);
+            lo = std::min(lo, los[c]);
         }
         const int64_t rangeMax = std::max<int64_t>(hi, -static_cast<int64_t>(lo));
         std::lock_guard<std::mutex> lock(maxMutex);

@@ -18,17 +18,17 @@ void clampBytes(const uint8_t* __restrict in, size_t n, uint8_t lo, uint8_t hi, 
 }
 
 ZELSIM_VECTOR_CLONES
-void addBias(const int32_t* __restrict acc, const int32_t* __restrict bias, uint32_t depth, int32_t* __restrict sum,
-             int32_t* hi, int32_t* lo) {
-    int32_t h = *hi, l = *lo;
-    for (uint32_t c = 0; c < depth; ++c) {
-        const int32_t a = acc[c];
-        h = a > h ? a : h;
-        l = a < l ? a : l;
-        sum[c] = static_cast<int32_t>(static_cast<uint32_t>(a) + static_cast<uint32_t>(bias[c]));
+void addBias(const int32_t* __restrict acc, const int32_t* __restrict bias, uint32_t depth, size_t pixels,
+             int32_t* __restrict sum, int32_t* __restrict hi, int32_t* __restrict lo) {
+    for (size_t p = 0; p < pixels; ++p) {
+        const int32_t* a = acc + p * depth;
+        int32_t* s = sum + p * depth;
+        for (uint32_t c = 0; c < depth; ++c) {
+            hi[c] = a[c] > hi[c] ? a[c] : hi[c];
+            lo[c] = a[c] < lo[c] ? a[c] : lo[c];
+            s[c] = static_cast<int32_t>(static_cast<uint32_t>(a[c]) + static_cast<uint32_t>(bias[c]));
+        }
     }
-    *hi = h;
-    *lo = l;
 }
 
 ZELSIM_VECTOR_CLONES

@@ -13,9 +13,10 @@ namespace loops {
 // out[i] = min(max(in[i], lo), hi).
 void clampBytes(const uint8_t* in, size_t n, uint8_t lo, uint8_t hi, uint8_t* out);
 
-// sum[c] = acc[c] + bias[c] (wrapping) for c < depth; *hi / *lo take the
-// largest and smallest acc[c] seen.
-void addBias(const int32_t* acc, const int32_t* bias, uint32_t depth, int32_t* sum, int32_t* hi, int32_t* lo);
+// For `pixels` rows of `depth` values: sum[p][c] = acc[p][c] + bias[c]
+// (wrapping); hi[c] / lo[c] take the largest and smallest acc[p][c] seen.
+void addBias(const int32_t* acc, const int32_t* bias, uint32_t depth, size_t pixels, int32_t* sum, int32_t* hi,
+             int32_t* lo);
 
 // acc[j] += x[j] * f[j] (16-bit factors, 32-bit sums).
 void multiplyAdd(uint32_t n, const int16_t* x, const int16_t* f, int32_t* acc);

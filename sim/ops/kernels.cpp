@@ -426,7 +426,9 @@ void depthwiseInteger(const ConvShape& s, const uint8_t* in, const Affine8& ain,
             }
             if (rowWise) {
                 int32_t* o = out + row * outRowSize;
-                std::fill(o, o + outRowSize, 0);
+                // The first filter row writes the middle columns instead of
+                // adding to them, so only the edges are cleared first.
+                bool written = false;
                 for (uint32_t ky = y0; ky < y1; ++ky) {
                     const int16_t* xr = x.data() + ky * rowSize;
                     const int16_t* fr = tiled.data() + static_cast<size_t>(ky) * s.fW * outRowSize;
@@ -451,17 +453,28 @@ void depthwiseInteger(const ConvShape& s, const uint8_t* in, const Affine8& ain,
                         const int64_t to = std::min({hi[0], hi[1], hi[2]});
                         if (from < to) {
                             const size_t ix = static_cast<size_t>(from - s.padLeft);
-                            loops::multiplyAdd3(static_cast<uint32_t>((to - from) * s.outD), xr + ix * s.inD, fr,
-                                                xr + (ix + 1) * s.inD, fr + outRowSize, xr + (ix + 2) * s.inD,
-                                                fr + 2 * outRowSize, o + static_cast<size_t>(from) * s.outD);
+                            const uint32_t n = static_cast<uint32_t>((to - from) * s.outD);
+                            int32_t* om = o + static_cast<size_t>(from) * s.outD;
+                            if (!written) {
+                                std::fill(o, om, 0);
+                                std::fill(om + n, o + outRowSize, 0);
+                                loops::multiply3(n, xr + ix * s.inD, fr, xr + (ix + 1) * s.inD, fr + outRowSize,
+                                                 xr + (ix + 2) * s.inD, fr + 2 * outRowSize, om);
+                                written = true;
+                            } else {
+                                loops::multiplyAdd3(n, xr + ix * s.inD, fr, xr + (ix + 1) * s.inD, fr + outRowSize,
+                                                    xr + (ix + 2) * s.inD, fr + 2 * outRowSize, om);
+                            }
                             for (uint32_t kx = 0; kx < 3; ++kx) {
                                 oneTap(kx, lo[kx], std::min(hi[kx], from));
                                 oneTap(kx, std::max(lo[kx], to), hi[kx]);
                             }
-                        } else {
-                            for (uint32_t kx = 0; kx < 3; ++kx) oneTap(kx, lo[kx], hi[kx]);
+                            continue;
                         }
-                        continue;
+                    }
+                    if (!written) {
+                        std::fill(o, o + outRowSize, 0);
+                        written = true;
                     }
                     for (uint32_t kx = 0; kx < s.fW; ++kx) {
                         int64_t lo = 0, hi = 0;
@@ -469,6 +482,7 @@ void depthwiseInteger(const ConvShape& s, const uint8_t* in, const Affine8& ain,
                         oneTap(kx, lo, hi);
                     }
                 }
+                if (!written) std::fill(o, o + outRowSize, 0);
                 continue;
             }
             for (uint32_t ox = 0; ox < s.outW; ++ox) {

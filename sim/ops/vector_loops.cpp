@@ -43,5 +43,12 @@ void multiplyAdd3(uint32_t n, const int16_t* __restrict x0, const int16_t* __res
     for (uint32_t j = 0; j < n; ++j) acc[j] += x0[j] * f0[j] + x1[j] * f1[j] + x2[j] * f2[j];
 }
 
+ZELSIM_VECTOR_CLONES
+void multiply3(uint32_t n, const int16_t* __restrict x0, const int16_t* __restrict f0, const int16_t* __restrict x1,
+               const int16_t* __restrict f1, const int16_t* __restrict x2, const int16_t* __restrict f2,
+               int32_t* __restrict acc) {
+    for (uint32_t j = 0; j < n; ++j) acc[j] = x0[j] * f0[j] + x1[j] * f1[j] + x2[j] * f2[j];
+}
+
 }  // namespace loops
 }  // namespace zelsim

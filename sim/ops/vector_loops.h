@@ -26,5 +26,9 @@ void multiplyAdd(uint32_t n, const int16_t* x, const int16_t* f, int32_t* acc);
 void multiplyAdd3(uint32_t n, const int16_t* x0, const int16_t* f0, const int16_t* x1, const int16_t* f1,
                   const int16_t* x2, const int16_t* f2, int32_t* acc);
 
+// acc[j] = x0[j] * f0[j] + x1[j] * f1[j] + x2[j] * f2[j].
+void multiply3(uint32_t n, const int16_t* x0, const int16_t* f0, const int16_t* x1, const int16_t* f1,
+               const int16_t* x2, const int16_t* f2, int32_t* acc);
+
 }  // namespace loops
 }  // namespace zelsim

@@ -29,6 +29,7 @@ zel_add_gtest(sim_stress_test
 zel_add_gtest(sim_same_bytes_test
   SOURCES sim/same_bytes_test.cpp
   LIBS zel_reliability_support
+  ENV "ZELSIM_THREADS=3"
   LABELS sim)
 target_include_directories(sim_same_bytes_test PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/reliability)
 target_compile_definitions(sim_same_bytes_test PRIVATE ZEL_CONFORMANCE_DIR="${CMAKE_SOURCE_DIR}/../shared/conformance")

@@ -121,6 +121,12 @@ TEST(SameBytes, EveryThreadCountAndPathGivesTheRecordedOutputs) {
     ASSERT_TRUE(demo.graph);
     std::unique_ptr<HostGraph> mobileNet = makeMobileNet(MobileNetOptions());
 
+    // ctest runs this with ZELSIM_THREADS=3: the pool takes its default
+    // from there.
+    if (const char* env = std::getenv("ZELSIM_THREADS")) {
+        EXPECT_EQ(std::to_string(zelsim::threads()), env);
+    }
+
     std::vector<bool> paths = {true};
     if (zelsim::hasLibraryKernels()) paths.push_back(false);
     for (bool portable : paths) {

@@ -106,6 +106,22 @@ TEST_P(BothPaths, MatMulMatchesReference) {
     }
 }
 
+// The largest products of both signs over a long depth: every pair of
+// neighbouring products would overflow 16 bits, so a path that passed
+// through saturating 16-bit sums would show here.
+TEST_P(BothPaths, MatMulExtremeProducts) {
+    const uint32_t rows = 3, depth = 1024, units = 17;
+    const uint8_t extremes[][4] = {{255, 0, 0, 255}, {255, 0, 255, 0}, {0, 255, 255, 0}, {0, 255, 0, 255}};
+    for (const auto& e : extremes) {
+        const Affine8 ai = affine(0.125f, e[1]), aw = affine(0.5f, e[3]);
+        const std::vector<uint8_t> in(rows * depth, e[0]), w(depth * units, e[2]);
+        std::vector<int32_t> fast(rows * units, -1), ref(rows * units, -2);
+        k::matmulInteger(rows, depth, units, in.data(), ai, w.data(), aw, fast.data());
+        k::matmulReference(rows, depth, units, in.data(), ai, w.data(), aw, ai.step * aw.step, ref.data());
+        EXPECT_EQ(fast, ref) << int(e[0]) << " zero " << int(e[1]) << " by " << int(e[2]) << " zero " << int(e[3]);
+    }
+}
+
 // Zero rows of A are skipped by the product; the sums must not change.
 TEST(IntegerKernels, GemmWithZeroRuns) {
     const uint32_t rows = 6, depth = 5, cols = 19;

@@ -90,13 +90,9 @@ std::string validateWindowProduct(const char* name, bool depthwise, const NodeDe
     return v.result();
 }
 
-// out[i] = acc[i] * scale + offset rounded half up and clamped to
-// [0, 255], exactly as roundClampU8 does; on x86-64 four values at a time
-// through SSE2 (the same IEEE operations in the same order, so the same
-// bytes).
 #if defined(__x86_64__)
-// The same, eight values at a time, on machines with AVX2 (the remainder
-// of the AVX-512 form too).
+// Requantization eight values at a time, on machines with AVX2 (see
+// requantizeBytes).
 __attribute__((target("avx2"))) inline __m128i requantizeLanesAvx2(__m128i acc, double scale, double offset) {
     __m256d x = _mm256_add_pd(_mm256_mul_pd(_mm256_cvtepi32_pd(acc), _mm256_set1_pd(scale)), _mm256_set1_pd(offset));
     x = _mm256_max_pd(x, _mm256_setzero_pd());
@@ -161,6 +157,10 @@ bool haveAvx2() {
 }
 #endif
 
+// out[i] = acc[i] * scale + offset rounded half up and clamped to
+// [0, 255], exactly as roundClampU8 does. On x86-64 sixteen (AVX-512),
+// eight (AVX2) or four (SSE2) values at a time: the same IEEE operations in
+// the same order, never fused, so the same bytes.
 void requantizeBytes(const uint8_t* accBytes, size_t n, const double scale, const double offset, uint8_t* out) {
     size_t i = 0;
 #if defined(__x86_64__)
@@ -179,7 +179,7 @@ void requantizeBytes(const uint8_t* accBytes, size_t n, const double scale, cons
         x = _mm_min_pd(x, top);
         return _mm_cvttpd_epi32(_mm_add_pd(x, half));
     };
-    for (; i + 4 <= n; i += 4) {  // what AVX2 left
+    for (; i + 4 <= n; i += 4) {  // what the wider forms left
         const __m128i acc = _mm_loadu_si128(reinterpret_cast<const __m128i*>(accBytes + i * sizeof(int32_t)));
         const __m128i lo = lane(acc), hi = lane(_mm_srli_si128(acc, 8));
         const __m128i words = _mm_unpacklo_epi64(lo, hi);

@@ -1,5 +1,5 @@
 # Smoke run of the benchmark programs with tiny sizes (ctest label "bench").
-# cmake -DBENCH=... -DCOUNT=... -DMEMORY=... -DNULLRT_DIR=... -P smoke.cmake
+# cmake -DBENCH=... -DPEERS=... -DCOUNT=... -DMEMORY=... -DNULLRT_DIR=... -P smoke.cmake
 
 function(run_checked what expect)
   execute_process(COMMAND ${ARGN} RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
@@ -18,6 +18,8 @@ endfunction()
 
 run_checked("zel_bench" "inference/mobilenet:16"
             ${BENCH} --zel_tiny --benchmark_min_time=0.001)
+
+run_checked("zel_bench_peers" "sim/mobilenet/threads:2" ${PEERS} --zel_tiny --zel_size=32)
 
 foreach(scenario support prepare prepare-validated execute execute-direct version-direct)
   run_checked("zel_bench_count ${scenario}" "scenario=${scenario} graph=mobilenet:16 k=2 operations=29"

@@ -24,6 +24,7 @@ zel_ensure_packages() {
 
 # Packages every build flavour needs.
 ZEL_BUILD_PACKAGES=(cmake ninja-build g++ gcc clang libclang-rt-14-dev googletest libgtest-dev libgmock-dev
-                    libbenchmark-dev nlohmann-json3-dev binutils python3 clang-format)
+                    libbenchmark-dev nlohmann-json3-dev binutils python3 clang-format libdnnl-dev libxnnpack-dev
+                    libpthreadpool-dev)
 # Extra packages of the 32-bit Arm flavour.
 ZEL_ARMHF_PACKAGES=(g++-arm-linux-gnueabihf gcc-arm-linux-gnueabihf qemu-user)

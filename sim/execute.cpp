@@ -85,17 +85,21 @@ std::string checkBuffers(const Graph& g, const Boundary& b, const kestrel_zel_nn
     return "";
 }
 
-Tensor fromRecord(const kestrel_zel_nn_output& r) {
-    Tensor t;
-    std::memcpy(t.dims, r.max_sizes, sizeof(t.dims));
-    t.elementSize = r.elementsize;
-    t.data.assign(static_cast<size_t>(recordElements(r) * r.elementsize), 0);
-    return t;
-}
-
 class Run {
 public:
-    explicit Run(const Graph& g) : mGraph(g), mValues(g.nodes.size()) {}
+    // Each value is freed right after its last reader ran, so the memory of
+    // a long graph stays small and warm (the allocator hands the same
+    // blocks back to later nodes).
+    explicit Run(Graph& g) : mGraph(g), mValues(g.nodes.size()), mLastUse(g.nodes.size(), 0) {
+        for (size_t i = 0; i < g.nodes.size(); ++i) {
+            const Node& n = g.nodes[i];
+            if (!n.accepted || n.isConst) continue;
+            for (const auto& ref : n.inputs) {
+                const auto it = g.acceptedAt.find(ref.src_id);
+                if (it != g.acceptedAt.end()) mLastUse[it->second] = std::max(mLastUse[it->second], i);
+            }
+        }
+    }
 
     // The tensor behind a reference already checked at append time.
     const Tensor* value(const kestrel_zel_nn_input& ref) const {
@@ -110,7 +114,7 @@ public:
         const Node& n = mGraph.nodes[index];
         if (n.op == ZEL_OP_INPUT) {
             for (size_t i = 0; i < n.outputs.size(); ++i) {
-                Tensor t = fromRecord(n.outputs[i]);
+                Tensor t = fresh(n.outputs[i]);
                 if (!t.data.empty()) std::memcpy(t.data.data(), inputs[i].data, t.data.size());
                 mValues[index].push_back(std::move(t));
             }
@@ -128,7 +132,7 @@ public:
         const OpSpec* entry = findOp(n.op);
         if (entry == nullptr || entry->execute == nullptr) return "cannot execute op " + std::to_string(n.op);
         std::vector<Tensor> out;
-        for (const auto& r : n.outputs) out.push_back(fromRecord(r));
+        for (const auto& r : n.outputs) out.push_back(fresh(r));
         std::string error;
         bool ok = false;
         try {
@@ -150,10 +154,63 @@ public:
             }
         }
         mValues[index] = std::move(out);
+        release(index);
         return "";
     }
 
+    // Every value still held goes back to the spare buffers.
+    ~Run() {
+        for (auto& values : mValues) recycle(values);
+    }
+
 private:
+    // A tensor for an output record, on a spare buffer when one is large
+    // enough (the smallest such), else zeroed.
+    Tensor fresh(const kestrel_zel_nn_output& r) {
+        Tensor t;
+        std::memcpy(t.dims, r.max_sizes, sizeof(t.dims));
+        t.elementSize = r.elementsize;
+        const size_t bytes = static_cast<size_t>(recordElements(r) * r.elementsize);
+        auto& spare = mGraph.spareBuffers;
+        size_t best = spare.size();
+        for (size_t i = 0; i < spare.size(); ++i) {
+            if (spare[i].capacity() >= bytes &&
+                (best == spare.size() || spare[i].capacity() < spare[best].capacity())) {
+                best = i;
+            }
+        }
+        if (best != spare.size() && bytes >= kSpareMinimum) {
+            // Every kernel writes each byte of its outputs, so a reused
+            // buffer is not cleared first.
+            t.data = std::move(spare[best]);
+            if (best + 1 != spare.size()) spare[best] = std::move(spare.back());
+            spare.pop_back();
+            t.data.resize(bytes);
+        } else {
+            t.data.assign(bytes, 0);
+        }
+        return t;
+    }
+
+    void recycle(std::vector<Tensor>& values) {
+        for (Tensor& t : values) {
+            if (t.data.capacity() >= kSpareMinimum) mGraph.spareBuffers.push_back(std::move(t.data));
+        }
+        std::vector<Tensor>().swap(values);
+    }
+
+    void release(size_t index) {
+        for (const auto& ref : mGraph.nodes[index].inputs) {
+            const auto it = mGraph.acceptedAt.find(ref.src_id);
+            if (it != mGraph.acceptedAt.end() && mLastUse[it->second] == index && !mGraph.nodes[it->second].isConst) {
+                recycle(mValues[it->second]);
+            }
+        }
+    }
+
+    // Smaller buffers come from the allocator's warm free lists anyway.
+    static constexpr size_t kSpareMinimum = 4096;
+
     std::string copyOut(const std::vector<const Tensor*>& in, kestrel_zel_nn_tensordef* outputs) const {
         for (size_t i = 0; i < in.size(); ++i) {
             const std::vector<uint8_t>& bytes = in[i]->data;
@@ -167,8 +224,9 @@ private:
         return "";
     }
 
-    const Graph& mGraph;
+    Graph& mGraph;
     std::vector<std::vector<Tensor>> mValues;  // per node index, its outputs
+    std::vector<size_t> mLastUse;              // per node index, the last node reading it
 };
 
 }  // namespace

@@ -125,6 +125,7 @@ void State::retire(std::unique_ptr<Graph> g) {
         g->constBytes = 0;
     }
     retiredBytes += g->constBytes;
+    std::vector<std::vector<uint8_t>>().swap(g->spareBuffers);
     retired.push_back(std::move(g));
     while (retired.size() > kRetiredGraphs || retiredBytes > kRetiredBytes) {
         retiredBytes -= retired.front()->constBytes;

@@ -56,6 +56,9 @@ struct Graph {
     int debugLevel = 0;
     std::string lastError;
     uint64_t constBytes = 0;  // constant bytes held by the nodes
+    // Value buffers of earlier executions, handed out again to later nodes
+    // so that repeated runs reuse warm memory; dropped at teardown.
+    std::vector<std::vector<uint8_t>> spareBuffers;
 
     const Node* accepted(uint32_t nodeId) const;
     // Stores `text` as the last error and returns kFailure.

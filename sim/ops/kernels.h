@@ -6,6 +6,7 @@
 // integer form applies; tests hold them to that.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "op_support.h"
@@ -61,8 +62,13 @@ void matmulInteger(uint32_t rows, uint32_t depth, uint32_t units, const uint8_t*
                    const uint8_t* weights, const Affine8& aw, int32_t* out);
 
 // C (rows x cols) = A (rows x depth) * B (depth x cols), 16-bit operands,
-// 32-bit sums; the caller guarantees the sums fit.
-void gemmS16(uint32_t rows, uint32_t depth, uint32_t cols, const int16_t* a, const int16_t* b, int32_t* c);
+// 32-bit sums; the caller guarantees the sums fit. B's rows are `ldb`
+// values apart, C's `ldc`.
+void gemmS16(uint32_t rows, uint32_t depth, uint32_t cols, const int16_t* a, const int16_t* b, size_t ldb, int32_t* c,
+             size_t ldc);
+inline void gemmS16(uint32_t rows, uint32_t depth, uint32_t cols, const int16_t* a, const int16_t* b, int32_t* c) {
+    gemmS16(rows, depth, cols, a, b, cols, c, cols);
+}
 
 }  // namespace kernels
 }  // namespace zelsim

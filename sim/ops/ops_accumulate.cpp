@@ -4,11 +4,19 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <mutex>
 #include <sstream>
+#if defined(__x86_64__)
+#include <immintrin.h>
+#elif defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 #include "kernels.h"
 #include "op_list.h"
 #include "op_support.h"
+#include "parallel.h"
+#include "vector_loops.h"
 
 namespace zelsim {
 namespace detail {
@@ -82,6 +90,127 @@ std::string validateWindowProduct(const char* name, bool depthwise, const NodeDe
     return v.result();
 }
 
+#if defined(__x86_64__)
+// Requantization eight values at a time, on machines with AVX2 (see
+// requantizeBytes).
+__attribute__((target("avx2"))) inline __m128i requantizeLanesAvx2(__m128i acc, double scale, double offset) {
+    __m256d x = _mm256_add_pd(_mm256_mul_pd(_mm256_cvtepi32_pd(acc), _mm256_set1_pd(scale)), _mm256_set1_pd(offset));
+    x = _mm256_max_pd(x, _mm256_setzero_pd());
+    x = _mm256_min_pd(x, _mm256_set1_pd(255.0));
+    return _mm256_cvttpd_epi32(_mm256_add_pd(x, _mm256_set1_pd(0.5)));
+}
+
+__attribute__((target("avx2"))) size_t requantizeAvx2(const uint8_t* accBytes, size_t n, double scale, double offset,
+                                                      uint8_t* out) {
+    auto lane = [scale, offset](__m128i acc) { return requantizeLanesAvx2(acc, scale, offset); };
+    size_t i = 0;
+    for (; i + 8 <= n; i += 8) {
+        const __m128i lo = lane(_mm_loadu_si128(reinterpret_cast<const __m128i*>(accBytes + i * sizeof(int32_t))));
+        const __m128i hi =
+            lane(_mm_loadu_si128(reinterpret_cast<const __m128i*>(accBytes + (i + 4) * sizeof(int32_t))));
+        const __m128i words = _mm_packs_epi32(lo, hi);
+        const __m128i bytes = _mm_packus_epi16(words, words);
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(out + i), bytes);
+    }
+    return i;
+}
+
+// Sixteen values at a time, on machines with AVX-512. (g++ 12's own
+// conversion intrinsic trips its uninitialised-use warning.)
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
+__attribute__((target("avx512f"))) inline __m256i requantizeLanesAvx512(__m256i acc, double scale, double offset) {
+    __m512d x = _mm512_add_pd(_mm512_mul_pd(_mm512_cvtepi32_pd(acc), _mm512_set1_pd(scale)), _mm512_set1_pd(offset));
+    x = _mm512_max_pd(x, _mm512_setzero_pd());
+    x = _mm512_min_pd(x, _mm512_set1_pd(255.0));
+    return _mm512_cvttpd_epi32(_mm512_add_pd(x, _mm512_set1_pd(0.5)));
+}
+
+__attribute__((target("avx512f"))) size_t requantizeAvx512(const uint8_t* accBytes, size_t n, double scale,
+                                                           double offset, uint8_t* out) {
+    size_t i = 0;
+    for (; i + 16 <= n; i += 16) {
+        const __m256i lo = requantizeLanesAvx512(
+            _mm256_loadu_si256(reinterpret_cast<const __m256i*>(accBytes + i * sizeof(int32_t))), scale, offset);
+        const __m256i hi = requantizeLanesAvx512(
+            _mm256_loadu_si256(reinterpret_cast<const __m256i*>(accBytes + (i + 8) * sizeof(int32_t))), scale, offset);
+        const __m512i words = _mm512_inserti64x4(_mm512_castsi256_si512(lo), hi, 1);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + i), _mm512_cvtepi32_epi8(words));
+    }
+    return i;
+}
+
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
+
+bool haveAvx512() {
+    static const bool have = __builtin_cpu_supports("avx512f");
+    return have;
+}
+
+bool haveAvx2() {
+    static const bool have = __builtin_cpu_supports("avx2");
+    return have;
+}
+#endif
+
+// out[i] = acc[i] * scale + offset rounded half up and clamped to
+// [0, 255], exactly as roundClampU8 does. On x86-64 sixteen (AVX-512),
+// eight (AVX2) or four (SSE2) values at a time: the same IEEE operations in
+// the same order, never fused, so the same bytes.
+void requantizeBytes(const uint8_t* accBytes, size_t n, const double scale, const double offset, uint8_t* out) {
+    size_t i = 0;
+#if defined(__x86_64__)
+    if (haveAvx512()) {
+        i = requantizeAvx512(accBytes, n, scale, offset, out);
+    } else if (haveAvx2()) {
+        i = requantizeAvx2(accBytes, n, scale, offset, out);
+    }
+#endif
+#if defined(__SSE2__)
+    const __m128d vScale = _mm_set1_pd(scale), vOffset = _mm_set1_pd(offset);
+    const __m128d zero = _mm_setzero_pd(), top = _mm_set1_pd(255.0), half = _mm_set1_pd(0.5);
+    auto lane = [&](__m128i acc) {
+        __m128d x = _mm_add_pd(_mm_mul_pd(_mm_cvtepi32_pd(acc), vScale), vOffset);
+        x = _mm_max_pd(x, zero);  // x > 0 ? x : 0, NaN included
+        x = _mm_min_pd(x, top);
+        return _mm_cvttpd_epi32(_mm_add_pd(x, half));
+    };
+    for (; i + 4 <= n; i += 4) {  // what the wider forms left
+        const __m128i acc = _mm_loadu_si128(reinterpret_cast<const __m128i*>(accBytes + i * sizeof(int32_t)));
+        const __m128i lo = lane(acc), hi = lane(_mm_srli_si128(acc, 8));
+        const __m128i words = _mm_unpacklo_epi64(lo, hi);
+        const __m128i bytes = _mm_packus_epi16(_mm_packs_epi32(words, words), words);
+        const int32_t four = _mm_cvtsi128_si32(bytes);
+        std::memcpy(out + i, &four, sizeof(four));
+    }
+#endif
+    for (; i < n; ++i) {
+        int32_t acc = 0;
+        std::memcpy(&acc, accBytes + i * sizeof(int32_t), sizeof(acc));
+        out[i] = roundClampU8(acc * scale + offset);
+    }
+}
+
+// Output 0 as the int32 array the products are written into directly (the
+// value buffers come from operator new, aligned for any scalar type).
+bool accumulatorOutput(Run& r, const Dims4& dims, int32_t** acc) {
+    uint8_t* out = nullptr;
+    if (!r.output(0, dims, 4, &out)) return false;
+    *acc = reinterpret_cast<int32_t*>(out);
+    return true;
+}
+
+// The range outputs of a 32-bit result of accumulator step `step`.
+bool writeStep32(Run& r, double step) {
+    float lo = 0.0f, hi = 0.0f;
+    rangeOfStep32(step, &lo, &hi);
+    return r.writeRange(lo, hi);
+}
+
 bool writeAccumulator(Run& r, const Dims4& dims, const std::vector<int32_t>& acc, double step) {
     uint8_t* out = nullptr;
     if (!r.output(0, dims, 4, &out)) return false;
@@ -105,7 +234,8 @@ bool executeWindowProduct(const char* name, bool depthwise, const NodeDesc& node
                                            node.padding == ZEL_NN_PAD_SAME, depthwise, &s);
     if (!why.empty()) return r.fail(why);
     const Dims4 outDims(s.batches, s.outH, s.outW, s.outD);
-    std::vector<int32_t> acc(outDims.count());
+    int32_t* acc = nullptr;
+    if (!accumulatorOutput(r, outDims, &acc)) return false;
     const uint32_t taps = depthwise ? kernels::depthwiseTaps(s) : kernels::convTaps(s);
     const uint8_t* in = r.in(kIn).data.data();
     const uint8_t* filter = r.in(kFilter).data.data();
@@ -113,19 +243,19 @@ bool executeWindowProduct(const char* name, bool depthwise, const NodeDesc& node
     if (kernels::integerSumsFit(taps, ain, af)) {
         step = ain.step * af.step;
         if (depthwise) {
-            kernels::depthwiseInteger(s, in, ain, filter, af, acc.data());
+            kernels::depthwiseInteger(s, in, ain, filter, af, acc);
         } else {
-            kernels::convInteger(s, in, ain, filter, af, acc.data());
+            kernels::convInteger(s, in, ain, filter, af, acc);
         }
     } else {
         step = kernels::productStep(taps, ain, af);
         if (depthwise) {
-            kernels::depthwiseReference(s, in, ain, filter, af, step, acc.data());
+            kernels::depthwiseReference(s, in, ain, filter, af, step, acc);
         } else {
-            kernels::convReference(s, in, ain, filter, af, step, acc.data());
+            kernels::convReference(s, in, ain, filter, af, step, acc);
         }
     }
-    return writeAccumulator(r, outDims, acc, step);
+    return writeStep32(r, step);
 }
 
 // Matrix product inputs.
@@ -263,18 +393,19 @@ bool executeMatMul(const NodeDesc&, const std::vector<const Tensor*>& inputs, st
     if (!why.empty()) return r.fail(why);
     const uint32_t depth = w.d[2];
     const uint32_t units = w.d[3];
-    std::vector<int32_t> acc(outDims.count());
+    int32_t* acc = nullptr;
+    if (!accumulatorOutput(r, outDims, &acc)) return false;
     const uint8_t* in = r.in(kMmIn).data.data();
     const uint8_t* weights = r.in(kMmWeights).data.data();
     double step = 0.0;
     if (kernels::integerSumsFit(depth, ain, aw)) {
         step = ain.step * aw.step;
-        kernels::matmulInteger(rows, depth, units, in, ain, weights, aw, acc.data());
+        kernels::matmulInteger(rows, depth, units, in, ain, weights, aw, acc);
     } else {
         step = kernels::productStep(depth, ain, aw);
-        kernels::matmulReference(rows, depth, units, in, ain, weights, aw, step, acc.data());
+        kernels::matmulReference(rows, depth, units, in, ain, weights, aw, step, acc);
     }
-    return writeAccumulator(r, outDims, acc, step);
+    return writeStep32(r, step);
 }
 
 std::string validateBiasAdd(const NodeDesc& node, const std::vector<InputInfo>& inputs) {
@@ -313,34 +444,55 @@ bool executeBiasAdd(const NodeDesc&, const std::vector<const Tensor*>& inputs, s
     if (r.dimsOf(kBias).count() != depth) return r.fail("bias length does not match the accumulator depth");
     const uint32_t n = dims.count();
     const uint32_t pixels = n / depth;
-    std::vector<int32_t> acc(n), bias(depth);
-    std::memcpy(acc.data(), r.in(kAcc).data.data(), sizeof(int32_t) * n);
+    std::vector<int32_t> bias(depth);
     std::memcpy(bias.data(), r.in(kBias).data.data(), sizeof(int32_t) * depth);
+    const uint8_t* accBytes = r.in(kAcc).data.data();
+    uint8_t* outBytes = nullptr;
+    if (!r.output(0, dims, 4, &outBytes)) return false;
 
-    int64_t maxAcc = 0, maxBias = 0;
-    for (int32_t a : acc) maxAcc = std::max(maxAcc, a < 0 ? -static_cast<int64_t>(a) : a);
+    // One pass: the integer sums are written while the largest accumulator
+    // magnitudes are found; they stand when the step does not grow (the
+    // usual case), otherwise a second pass writes the rounded real sums.
+    int64_t maxBias = 0;
     for (int32_t b : bias) maxBias = std::max(maxBias, b < 0 ? -static_cast<int64_t>(b) : b);
+    std::mutex maxMutex;
+    int64_t maxAcc = 0;
+    // The accumulator and the result are int32 arrays in their buffers
+    // (written as such by the kernels), read and written in place.
+    const int32_t* accIn = reinterpret_cast<const int32_t*>(accBytes);
+    int32_t* sums = reinterpret_cast<int32_t*>(outBytes);
+    parallel::parallelFor(pixels, 64, [&](size_t begin, size_t end) {
+        std::vector<int32_t> his(depth, 0), los(depth, 0);
+        loops::addBias(accIn + begin * depth, bias.data(), depth, end - begin, sums + begin * depth, his.data(),
+                       los.data());
+        int32_t hi = 0, lo = 0;
+        for (uint32_t c = 0; c < depth; ++c) {
+            hi = std::max(hi, his[c]);
+            lo = std::min(lo, los[c]);
+        }
+        const int64_t rangeMax = std::max<int64_t>(hi, -static_cast<int64_t>(lo));
+        std::lock_guard<std::mutex> lock(maxMutex);
+        maxAcc = std::max(maxAcc, rangeMax);
+    });
     const bool sameStep = std::fabs(stepA - stepB) <= 1e-6 * stepA;
     const double step =
         accumulatorStep(stepA, static_cast<double>(maxAcc) * stepA + static_cast<double>(maxBias) * stepB);
-    std::vector<int32_t> out(n);
-    if (sameStep && step == stepA) {
-        // |acc| + |bias| fits: the step did not grow.
-        for (uint32_t p = 0; p < pixels; ++p) {
-            const int32_t* a = acc.data() + static_cast<size_t>(p) * depth;
-            int32_t* o = out.data() + static_cast<size_t>(p) * depth;
-            for (uint32_t c = 0; c < depth; ++c) o[c] = a[c] + bias[c];
-        }
-    } else {
+    if (!(sameStep && step == stepA)) {
         for (uint32_t p = 0; p < pixels; ++p) {
             for (uint32_t c = 0; c < depth; ++c) {
                 const size_t i = static_cast<size_t>(p) * depth + c;
-                const double real = acc[i] * stepA + bias[c] * stepB;
-                out[i] = static_cast<int32_t>(std::min(std::max(std::round(real / step), -kInt32Max - 1.0), kInt32Max));
+                int32_t a = 0;
+                std::memcpy(&a, accBytes + i * sizeof(int32_t), sizeof(int32_t));
+                const double real = a * stepA + bias[c] * stepB;
+                const int32_t v =
+                    static_cast<int32_t>(std::min(std::max(std::round(real / step), -kInt32Max - 1.0), kInt32Max));
+                std::memcpy(outBytes + i * sizeof(int32_t), &v, sizeof(int32_t));
             }
         }
     }
-    return writeAccumulator(r, dims, out, step);
+    float lo = 0.0f, hi = 0.0f;
+    rangeOfStep32(step, &lo, &hi);
+    return r.writeRange(lo, hi);
 }
 
 std::string validateRequantize(const NodeDesc& node, const std::vector<InputInfo>& inputs) {
@@ -367,12 +519,13 @@ bool executeRequantize(const NodeDesc&, const std::vector<const Tensor*>& inputs
     uint8_t* out = nullptr;
     if (!r.output(0, dims, 1, &out)) return false;
     const uint32_t n = dims.count();
-    std::vector<int32_t> acc(n);
-    std::memcpy(acc.data(), r.in(kRqIn).data.data(), sizeof(int32_t) * n);
+    const uint8_t* src = r.in(kRqIn).data.data();
     // position = acc * step / outStep + offset, the two factors folded once.
     const double scale = step / target.step;
     const double offset = target.position(0.0);
-    for (uint32_t i = 0; i < n; ++i) out[i] = roundClampU8(acc[i] * scale + offset);
+    parallel::parallelFor(n, 4096, [src, out, scale, offset](size_t begin, size_t end) {
+        requantizeBytes(src + begin * sizeof(int32_t), end - begin, scale, offset, out + begin);
+    });
     return r.writeRange(lo, hi);
 }
 

@@ -6,6 +6,8 @@
 
 #include "op_list.h"
 #include "op_support.h"
+#include "parallel.h"
+#include "vector_loops.h"
 
 namespace zelsim {
 namespace detail {
@@ -66,7 +68,9 @@ bool executeActivation(const char* name, size_t bounds, const std::vector<const 
     if (!r.output(0, dims, 1, &out)) return false;
     const uint8_t* in = r.in(kIn).data.data();
     const uint32_t n = dims.count();
-    for (uint32_t i = 0; i < n; ++i) out[i] = std::min(std::max(in[i], qLo), qHi);
+    parallel::parallelFor(n, size_t{1} << 16, [in, out, qLo, qHi](size_t begin, size_t end) {
+        loops::clampBytes(in + begin, end - begin, qLo, qHi, out + begin);
+    });
     return r.writeRange(lo, hi);
 }
 

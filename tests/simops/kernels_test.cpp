@@ -4,6 +4,7 @@
 #include "kernels.h"
 
 #include "simops_util.h"
+#include "zelsim/control.h"
 
 namespace simops {
 namespace {
@@ -32,9 +33,21 @@ const Sweep kSweeps[] = {
     {1, 9, 4, 16, 1, 1, 33, 1, false, 17, 3},    {1, 6, 6, 5, 3, 3, 7, 3, false, 255, 0},
     {1, 1, 1, 70, 1, 1, 4, 1, true, 100, 101},   {3, 4, 4, 2, 4, 4, 3, 1, true, 50, 200},
     {1, 11, 3, 6, 5, 1, 18, 2, true, -255, 510}, {1, 5, 5, 4, 3, 3, 130, 1, true, 1, 254},
+    {2, 20, 20, 8, 1, 1, 16, 1, true, 255, 255}, {1, 40, 40, 3, 3, 3, 8, 1, true, 0, 0},
+    {1, 4, 2, 5, 3, 3, 6, 1, true, 9, 77},
 };
 
-TEST(IntegerKernels, ConvMatchesReference) {
+// Both accumulation paths (the library GEMM where the build has it, and
+// the portable loops) against the reference.
+class BothPaths : public ::testing::TestWithParam<bool> {
+protected:
+    void SetUp() override { zelsim::setPortableKernels(GetParam()); }
+    void TearDown() override { zelsim::setPortableKernels(false); }
+};
+INSTANTIATE_TEST_SUITE_P(IntegerKernels, BothPaths, ::testing::Values(false, true),
+                         [](const ::testing::TestParamInfo<bool>& p) { return p.param ? "portable" : "library"; });
+
+TEST_P(BothPaths, ConvMatchesReference) {
     Lcg g(99);
     for (const Sweep& w : kSweeps) {
         k::ConvShape s;
@@ -75,17 +88,37 @@ TEST(IntegerKernels, DepthwiseMatchesReference) {
     }
 }
 
-TEST(IntegerKernels, MatMulMatchesReference) {
+TEST_P(BothPaths, MatMulMatchesReference) {
     Lcg g(97);
-    const uint32_t shapes[][3] = {{1, 1, 1},    {3, 17, 5},   {4, 64, 16}, {9, 33, 37},
-                                  {5, 1024, 3}, {6, 40, 150}, {7, 9, 64}};
+    // Rows past one GEMM block and one thread's share; zero points at both
+    // ends of the byte range (weights shifted into signed bytes must still
+    // give w - zero exactly, -255..255).
+    const uint32_t shapes[][5] = {{1, 1, 1, 3, 250},     {3, 17, 5, 0, 255},     {4, 64, 16, 255, 0},
+                                  {9, 33, 37, 128, 128}, {5, 1024, 3, 255, 255}, {6, 40, 150, 0, 0},
+                                  {300, 9, 64, 17, 200}, {600, 260, 70, 255, 0}};
     for (const auto& sh : shapes) {
-        const Affine8 ai = affine(0.125f, 3), aw = affine(0.5f, 250);
+        const Affine8 ai = affine(0.125f, static_cast<int32_t>(sh[3])), aw = affine(0.5f, static_cast<int32_t>(sh[4]));
         const std::vector<uint8_t> in = g.bytes(sh[0] * sh[1]), w = g.bytes(sh[1] * sh[2]);
         std::vector<int32_t> fast(sh[0] * sh[2], -1), ref(sh[0] * sh[2], -2);
         k::matmulInteger(sh[0], sh[1], sh[2], in.data(), ai, w.data(), aw, fast.data());
         k::matmulReference(sh[0], sh[1], sh[2], in.data(), ai, w.data(), aw, ai.step * aw.step, ref.data());
         EXPECT_EQ(fast, ref) << sh[0] << "x" << sh[1] << "x" << sh[2];
+    }
+}
+
+// The largest products of both signs over a long depth: every pair of
+// neighbouring products would overflow 16 bits, so a path that passed
+// through saturating 16-bit sums would show here.
+TEST_P(BothPaths, MatMulExtremeProducts) {
+    const uint32_t rows = 3, depth = 1024, units = 17;
+    const uint8_t extremes[][4] = {{255, 0, 0, 255}, {255, 0, 255, 0}, {0, 255, 255, 0}, {0, 255, 0, 255}};
+    for (const auto& e : extremes) {
+        const Affine8 ai = affine(0.125f, e[1]), aw = affine(0.5f, e[3]);
+        const std::vector<uint8_t> in(rows * depth, e[0]), w(depth * units, e[2]);
+        std::vector<int32_t> fast(rows * units, -1), ref(rows * units, -2);
+        k::matmulInteger(rows, depth, units, in.data(), ai, w.data(), aw, fast.data());
+        k::matmulReference(rows, depth, units, in.data(), ai, w.data(), aw, ai.step * aw.step, ref.data());
+        EXPECT_EQ(fast, ref) << int(e[0]) << " zero " << int(e[1]) << " by " << int(e[2]) << " zero " << int(e[3]);
     }
 }
 

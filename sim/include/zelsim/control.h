@@ -67,6 +67,19 @@ ZELSIM_API void setConfigResult(int result);
 // execute_new only checks sizes (as a device runtime costs nothing here).
 ZELSIM_API void setPassThrough(bool on);
 
+// Worker threads that share the numerics of one node (1: everything runs
+// on the calling thread). The default is ZELSIM_THREADS when set to a
+// positive number, else the number of cores. 0 restores that default.
+ZELSIM_API void setThreads(unsigned count);
+// Threads in use now.
+ZELSIM_API unsigned threads();
+// Accumulation path of the 8-bit convolution and matrix-product nodes:
+// true forces the portable loops even in a build that has the library path.
+// Both give the same bytes; tests hold them to that.
+ZELSIM_API void setPortableKernels(bool on);
+// True when this build has the library accumulation path.
+ZELSIM_API bool hasLibraryKernels();
+
 // The simulator's own notes, one per line: ZELSIM_FAULTS items and failCall
 // requests it ignored. Kept across reset(); "" when there is nothing to say.
 ZELSIM_API std::string notes();

@@ -441,8 +441,8 @@ void depthwiseInteger(const ConvShape& s, const uint8_t* in, const Affine8& ain,
                     auto oneTap = [&](uint32_t kx, int64_t from, int64_t to) {
                         if (from >= to) return;
                         const size_t ix = static_cast<size_t>(from + kx - s.padLeft);
-                        loops::multiplyAdd(static_cast<uint32_t>((to - from) * s.outD), xr + ix * s.inD,
-                                           fr + kx * outRowSize, o + static_cast<size_t>(from) * s.outD);
+                        zelsim_loops::multiplyAdd(static_cast<uint32_t>((to - from) * s.outD), xr + ix * s.inD,
+                                                  fr + kx * outRowSize, o + static_cast<size_t>(from) * s.outD);
                     };
                     if (s.fW == 3) {
                         // The columns all three taps reach in one pass; the
@@ -458,12 +458,13 @@ void depthwiseInteger(const ConvShape& s, const uint8_t* in, const Affine8& ain,
                             if (!written) {
                                 std::fill(o, om, 0);
                                 std::fill(om + n, o + outRowSize, 0);
-                                loops::multiply3(n, xr + ix * s.inD, fr, xr + (ix + 1) * s.inD, fr + outRowSize,
-                                                 xr + (ix + 2) * s.inD, fr + 2 * outRowSize, om);
+                                zelsim_loops::multiply3(n, xr + ix * s.inD, fr, xr + (ix + 1) * s.inD, fr + outRowSize,
+                                                        xr + (ix + 2) * s.inD, fr + 2 * outRowSize, om);
                                 written = true;
                             } else {
-                                loops::multiplyAdd3(n, xr + ix * s.inD, fr, xr + (ix + 1) * s.inD, fr + outRowSize,
-                                                    xr + (ix + 2) * s.inD, fr + 2 * outRowSize, om);
+                                zelsim_loops::multiplyAdd3(n, xr + ix * s.inD, fr, xr + (ix + 1) * s.inD,
+                                                           fr + outRowSize, xr + (ix + 2) * s.inD, fr + 2 * outRowSize,
+                                                           om);
                             }
                             for (uint32_t kx = 0; kx < 3; ++kx) {
                                 oneTap(kx, lo[kx], std::min(hi[kx], from));
@@ -496,7 +497,7 @@ void depthwiseInteger(const ConvShape& s, const uint8_t* in, const Affine8& ain,
                         const int16_t* px = x.data() + ky * rowSize + static_cast<size_t>(ix) * s.inD;
                         const int16_t* fk = f.data() + (static_cast<size_t>(ky) * s.fW + kx) * s.outD;
                         if (s.mult == 1) {
-                            loops::multiplyAdd(s.inD, px, fk, a);
+                            zelsim_loops::multiplyAdd(s.inD, px, fk, a);
                         } else {
                             for (uint32_t c = 0; c < s.inD; ++c) {
                                 const int32_t v = px[c];

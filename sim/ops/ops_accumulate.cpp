@@ -463,8 +463,8 @@ bool executeBiasAdd(const NodeDesc&, const std::vector<const Tensor*>& inputs, s
     int32_t* sums = reinterpret_cast<int32_t*>(outBytes);
     parallel::parallelFor(pixels, 64, [&](size_t begin, size_t end) {
         std::vector<int32_t> his(depth, 0), los(depth, 0);
-        loops::addBias(accIn + begin * depth, bias.data(), depth, end - begin, sums + begin * depth, his.data(),
-                       los.data());
+        zelsim_loops::addBias(accIn + begin * depth, bias.data(), depth, end - begin, sums + begin * depth, his.data(),
+                              los.data());
         int32_t hi = 0, lo = 0;
         for (uint32_t c = 0; c < depth; ++c) {
             hi = std::max(hi, his[c]);

@@ -69,7 +69,7 @@ bool executeActivation(const char* name, size_t bounds, const std::vector<const 
     const uint8_t* in = r.in(kIn).data.data();
     const uint32_t n = dims.count();
     parallel::parallelFor(n, size_t{1} << 16, [in, out, qLo, qHi](size_t begin, size_t end) {
-        loops::clampBytes(in + begin, end - begin, qLo, qHi, out + begin);
+        zelsim_loops::clampBytes(in + begin, end - begin, qLo, qHi, out + begin);
     });
     return r.writeRange(lo, hi);
 }

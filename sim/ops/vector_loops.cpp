@@ -6,8 +6,9 @@
 #define ZELSIM_VECTOR_CLONES
 #endif
 
-namespace zelsim {
-namespace loops {
+// Outside the zelsim namespace: the library exports zelsim::, and these
+// multi-versioned functions must stay internal to it.
+namespace zelsim_loops {
 
 ZELSIM_VECTOR_CLONES
 void clampBytes(const uint8_t* __restrict in, size_t n, uint8_t lo, uint8_t hi, uint8_t* __restrict out) {
@@ -50,5 +51,4 @@ void multiply3(uint32_t n, const int16_t* __restrict x0, const int16_t* __restri
     for (uint32_t j = 0; j < n; ++j) acc[j] = x0[j] * f0[j] + x1[j] * f1[j] + x2[j] * f2[j];
 }
 
-}  // namespace loops
-}  // namespace zelsim
+}  // namespace zelsim_loops

@@ -7,8 +7,9 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace zelsim {
-namespace loops {
+// Outside the zelsim namespace: the library exports zelsim::, and these
+// multi-versioned functions must stay internal to it.
+namespace zelsim_loops {
 
 // out[i] = min(max(in[i], lo), hi).
 void clampBytes(const uint8_t* in, size_t n, uint8_t lo, uint8_t hi, uint8_t* out);
@@ -30,5 +31,4 @@ void multiplyAdd3(uint32_t n, const int16_t* x0, const int16_t* f0, const int16_
 void multiply3(uint32_t n, const int16_t* x0, const int16_t* f0, const int16_t* x1, const int16_t* f1,
                const int16_t* x2, const int16_t* f2, int32_t* acc);
 
-}  // namespace loops
-}  // namespace zelsim
+}  // namespace zelsim_loops

@@ -159,29 +159,50 @@ void samePads(int64_t in, int64_t stride, int64_t filter, int32_t* head, int32_t
 
 // Reads the padding and strides starting at ins[first]. Implicit form: the
 // padding code, stride_w, stride_h. Explicit form: left, right, top, bottom,
-// stride_w, stride_h. The window size must already be in `window`.
-void readWindow(ZelModel* model, const Ins& ins, bool explicitForm, size_t first, const Shape& input, Window* window) {
+// stride_w, stride_h. The window size must already be in `window`. Strides
+// below 1, a pooling window below 1 and a window larger than the padded
+// input cannot be lowered (the inferred output size would wrap): each is
+// refused with one line naming `at`.
+bool readWindow(::zel_detail::Source at, ZelModel* model, const Ins& ins, bool explicitForm, size_t first,
+                const Shape& input, OperationType type, bool pooling, Window* window) {
+    const size_t strides = first + (explicitForm ? 4 : 1);
+    window->strideW = model->getScalar<int32_t>(ins[strides]);
+    window->strideH = model->getScalar<int32_t>(ins[strides + 1]);
+    ZEL_CHECK_LE_IN(at, 1, window->strideW, false, "Stride must be at least 1 for " << toString(type));
+    ZEL_CHECK_LE_IN(at, 1, window->strideH, false, "Stride must be at least 1 for " << toString(type));
+    if (pooling) {
+        ZEL_CHECK_LE_IN(at, 1, window->filterW, false, "Window must be at least 1 for " << toString(type));
+        ZEL_CHECK_LE_IN(at, 1, window->filterH, false, "Window must be at least 1 for " << toString(type));
+    }
     const int32_t inW = static_cast<int32_t>(getSizeOfDimension(input, 2));
     const int32_t inH = static_cast<int32_t>(getSizeOfDimension(input, 1));
+    int32_t code = 0;
     if (explicitForm) {
         window->padLeft = model->getScalar<int32_t>(ins[first]);
         window->padRight = model->getScalar<int32_t>(ins[first + 1]);
         window->padTop = model->getScalar<int32_t>(ins[first + 2]);
         window->padBottom = model->getScalar<int32_t>(ins[first + 3]);
-        window->strideW = model->getScalar<int32_t>(ins[first + 4]);
-        window->strideH = model->getScalar<int32_t>(ins[first + 5]);
-        window->padding = getPadding(inW, inH, window->strideW, window->strideH, window->filterW, window->filterH,
-                                     window->padLeft, window->padRight, window->padTop, window->padBottom);
-        return;
+    } else {
+        code = model->getScalar<int32_t>(ins[first]);
+        if (code == 1) {
+            samePads(getSizeOfDimension(input, 2), window->strideW, window->filterW, &window->padLeft,
+                     &window->padRight);
+            samePads(getSizeOfDimension(input, 1), window->strideH, window->filterH, &window->padTop,
+                     &window->padBottom);
+        }
     }
-    const int32_t code = model->getScalar<int32_t>(ins[first]);
-    window->strideW = model->getScalar<int32_t>(ins[first + 1]);
-    window->strideH = model->getScalar<int32_t>(ins[first + 2]);
-    if (code == 1) {
-        samePads(getSizeOfDimension(input, 2), window->strideW, window->filterW, &window->padLeft, &window->padRight);
-        samePads(getSizeOfDimension(input, 1), window->strideH, window->filterH, &window->padTop, &window->padBottom);
-    }
-    window->padding = getPadding(static_cast<unsigned int>(code));
+    // Widened: pads come from the graph and may be anything.
+    const int64_t paddedW = static_cast<int64_t>(getSizeOfDimension(input, 2)) + window->padLeft + window->padRight;
+    const int64_t paddedH = static_cast<int64_t>(getSizeOfDimension(input, 1)) + window->padTop + window->padBottom;
+    ZEL_CHECK_LE_IN(at, window->filterW, paddedW, false,
+                    (pooling ? "Window" : "Filter") << " must fit the padded input of " << toString(type));
+    ZEL_CHECK_LE_IN(at, window->filterH, paddedH, false,
+                    (pooling ? "Window" : "Filter") << " must fit the padded input of " << toString(type));
+    window->padding = explicitForm
+                          ? getPadding(inW, inH, window->strideW, window->strideH, window->filterW, window->filterH,
+                                       window->padLeft, window->padRight, window->padTop, window->padBottom)
+                          : getPadding(static_cast<unsigned int>(code));
+    return true;
 }
 
 }  // namespace
@@ -210,7 +231,37 @@ bool CheckRules::operandsReadable(const Ins& ins, const Ins& outs, ZelModel* mod
             return false;
         }
     }
+    // A tensor input that carries data must hold all of its values: the
+    // runtime takes it as a constant of the declared shape.
+    for (size_t i = 0; i < ins.size(); ++i) {
+        const OperandInfo& operand = model->operands()[ins[i]];
+        if (operand.data == nullptr && operand.length == 0) continue;
+        uint64_t count = 1;
+        for (uint32_t d : operand.originalDimensions) count = d != 0 && count > UINT64_MAX / d ? UINT64_MAX : count * d;
+        const uint64_t element = getSize(operand.type);
+        if (element != 0 && count > operand.length / element) {
+            ZEL_LOG_LOCATED_IN(source(), "Input " << i << " of " << toString(type) << " holds " << operand.length
+                                                  << " bytes of constant data, short of " << count << " values");
+            return false;
+        }
+    }
     return model->scalarsHaveData(ins);
+}
+
+// The scalar parameters ins[first .. end) are read as int32 values: an
+// operand of another element type (a float size, say) cannot be lowered,
+// and is refused with one line naming the input.
+bool CheckRules::int32Parameters(ZelModel* model, const Ins& ins, size_t first, size_t end, OperationType type) const {
+    for (size_t i = first; i < end && i < ins.size(); ++i) {
+        const OperandType operandType = model->operands()[ins[i]].type;
+        if (operandType != OperandType::SCALAR_INT32 && operandType != OperandType::SCALAR_UNSIGNED_INT32 &&
+            operandType != OperandType::TENSOR_INT32) {
+            ZEL_LOG_LOCATED_IN(source(), "Input " << i << " of " << toString(type) << " must be an int32 scalar, not "
+                                                  << toString(operandType));
+            return false;
+        }
+    }
+    return true;
 }
 
 // Copies the int32 values of a constant tensor operand (the data may be
@@ -240,8 +291,7 @@ bool CheckRules::copyInt32Data(ZelModel* model, uint32_t index, OperationType ty
 // the code. A float node takes any activation.
 bool CheckRules::activationFusable(ZelModel* model, uint32_t index) const {
     if (!mQuantized) return true;
-    const zel_op_type_enum activation =
-        getQuantizedActivationFunction(static_cast<ActivationFunc>(model->getScalar<int32_t>(index)));
+    const zel_op_type_enum activation = model->getQuantizedActivation(index);
     if (!quant8_asym_check::fusedActivationCheck(activation)) {
         ZEL_LOG_LOCATED_IN(source(), "Fused quantized activation " << toString(activation) << " is not supported");
         return false;
@@ -254,6 +304,22 @@ bool CheckRules::activationFusable(ZelModel* model, uint32_t index) const {
 bool CheckRules::storeShape(bool inferred, ZelModel* model, uint32_t out, const Shape& output) const {
     if (!inferred) {
         ZEL_LOG_LOCATED_IN(source(), "Error getting shape");
+        return false;
+    }
+    // The operation is built with its output's declared shape: a declared
+    // shape that is fully known (no dimension left 0) and holds a different
+    // number of values than the inferred one cannot be built.
+    const std::vector<uint32_t>& declared = model->operands()[out].dimensions;
+    uint64_t declaredCount = 1;
+    uint64_t inferredCount = 1;
+    for (uint32_t d : declared)
+        declaredCount = d != 0 && declaredCount > UINT64_MAX / d ? UINT64_MAX : declaredCount * d;
+    for (uint32_t d : output.dimensions) {
+        inferredCount = d != 0 && inferredCount > UINT64_MAX / d ? UINT64_MAX : inferredCount * d;
+    }
+    if (!declared.empty() && declaredCount != 0 && declaredCount != inferredCount) {
+        ZEL_LOG_LOCATED_IN(source(), "Output operand " << out << " is declared with " << declaredCount
+                                                       << " values where the operation gives " << inferredCount);
         return false;
     }
     if (!model->setShape(out, output)) {
@@ -309,6 +375,7 @@ bool CheckRules::elementWise(const Ins& ins, const Ins& outs, ZelModel* model, O
     ZEL_CHECK_EQ_IN(source(), 3, ins.size(), false, "Need 3 inputs for " << toString(type));
     ZEL_CHECK_EQ_IN(source(), 1, outs.size(), false, "Need 1 output for " << toString(type));
     if (!operandsReadable(ins, outs, model, type)) return false;
+    if (!int32Parameters(model, ins, 2, 3, type)) return false;
 
     if (!activationFusable(model, ins[2])) return false;
     Shape output = model->getShape(outs[0]);
@@ -324,6 +391,7 @@ bool CheckRules::pool(const Ins& ins, const Ins& outs, ZelModel* model, Operatio
     // The output count is not a rule here; the first output is still needed.
     ZEL_CHECK_LE_IN(source(), 1, outs.size(), false, "Need at least 1 output for " << toString(type));
     if (!operandsReadable(ins, outs, model, type)) return false;
+    if (!int32Parameters(model, ins, 1, ins.size(), type)) return false;
 
     const Shape input = model->getShape(ins[0]);
     Window window;
@@ -331,7 +399,7 @@ bool CheckRules::pool(const Ins& ins, const Ins& outs, ZelModel* model, Operatio
     const size_t filterAt = explicitForm ? 7 : 4;
     window.filterW = model->getScalar<int32_t>(ins[filterAt]);
     window.filterH = model->getScalar<int32_t>(ins[filterAt + 1]);
-    readWindow(model, ins, explicitForm, 1, input, &window);
+    if (!readWindow(source(), model, ins, explicitForm, 1, input, type, true, &window)) return false;
     const padding_type_enum pad = window.padding;
     ZEL_CHECK_NE_IN(source(), pad, ZEL_NN_PAD_NA, false, "Unknown padding");
 
@@ -363,6 +431,7 @@ bool CheckRules::convolution(const Ins& ins, const Ins& outs, ZelModel* model, O
     }
     ZEL_CHECK_EQ_IN(source(), 1, outs.size(), false, "Need 1 output for " << toString(type));
     if (!operandsReadable(ins, outs, model, type)) return false;
+    if (!int32Parameters(model, ins, 3, ins.size(), type)) return false;
 
     const Shape input = model->getShape(ins[0]);
     const Shape filter = model->getShape(ins[1]);
@@ -370,7 +439,7 @@ bool CheckRules::convolution(const Ins& ins, const Ins& outs, ZelModel* model, O
     Window window;
     window.filterW = static_cast<int32_t>(getSizeOfDimension(filter, 2));
     window.filterH = static_cast<int32_t>(getSizeOfDimension(filter, 1));
-    readWindow(model, ins, explicitForm, 3, input, &window);
+    if (!readWindow(source(), model, ins, explicitForm, 3, input, type, false, &window)) return false;
     const padding_type_enum pad = window.padding;
     ZEL_CHECK_NE_IN(source(), pad, ZEL_NN_PAD_NA, false, "Unknown padding");
 
@@ -397,6 +466,7 @@ bool CheckRules::fullyConnected(const Ins& ins, const Ins& outs, ZelModel* model
     ZEL_CHECK_EQ_IN(source(), 4, ins.size(), false, "Need 4 inputs for " << toString(type));
     ZEL_CHECK_EQ_IN(source(), 1, outs.size(), false, "Need 1 output for " << toString(type));
     if (!operandsReadable(ins, outs, model, type)) return false;
+    if (!int32Parameters(model, ins, 3, 4, type)) return false;
 
     if (!activationFusable(model, ins[3])) return false;
     Shape output = model->getShape(outs[0]);
@@ -415,6 +485,7 @@ bool CheckRules::concatenation(const Ins& ins, const Ins& outs, ZelModel* model)
     ZEL_CHECK_LE_IN(source(), 3, ins.size(), false, "Need at least 3 inputs for " << toString(type));
     ZEL_CHECK_EQ_IN(source(), 1, outs.size(), false, "Need 1 output for " << toString(type));
     if (!operandsReadable(ins, outs, model, type)) return false;
+    if (!int32Parameters(model, ins, ins.size() - 1, ins.size(), type)) return false;
 
     // The runtime concatenates quantized tensors on the channel axis only;
     // float graphs take any axis that shape inference accepts.
@@ -454,8 +525,13 @@ bool CheckRules::resizeBilinear(const Ins& ins, const Ins& outs, ZelModel* model
     ZEL_CHECK_EQ_IN(source(), 1, outs.size(), false, "Need 1 output for " << toString(type));
     if (!operandsReadable(ins, outs, model, type)) return false;
 
+    if (!int32Parameters(model, ins, 1, 3, type)) return false;
+
+    // A target size below 1 leaves nothing to resize to.
     const int32_t width = model->getScalar<int32_t>(ins[1]);
     const int32_t height = model->getScalar<int32_t>(ins[2]);
+    ZEL_CHECK_LE_IN(source(), 1, width, false, "Target width must be at least 1 for " << toString(type));
+    ZEL_CHECK_LE_IN(source(), 1, height, false, "Target height must be at least 1 for " << toString(type));
     Shape output = model->getShape(outs[0]);
     return storeShape(resizeBilinearPrepare(model->getShape(ins[0]), width, height, &output), model, outs[0], output);
 }
@@ -702,57 +778,69 @@ bool fusedActivationCheck(zel_op_type_enum code) {
     }
 }
 
+bool elementWiseOpCheck(const Ins& ins, const Ins& outs, ZelModel* model, OperationType type) {
+    return kQuant8Rules.elementWise(ins, outs, model, type);
+}
+
+bool pool(const Ins& ins, const Ins& outs, ZelModel* model, OperationType type) {
+    return kQuant8Rules.pool(ins, outs, model, type);
+}
+
+bool activation(const Ins& ins, const Ins& outs, ZelModel* model, uint32_t numInputs, OperationType type) {
+    return kQuant8Rules.activation(ins, outs, model, numInputs, type);
+}
+
 bool add(const Ins& ins, const Ins& outs, ZelModel* model) {
-    return kQuant8Rules.elementWise(ins, outs, model, OperationType::ADD);
+    return elementWiseOpCheck(ins, outs, model, OperationType::ADD);
 }
 
 bool sub(const Ins& ins, const Ins& outs, ZelModel* model) {
-    return kQuant8Rules.elementWise(ins, outs, model, OperationType::SUB);
+    return elementWiseOpCheck(ins, outs, model, OperationType::SUB);
 }
 
 bool mul(const Ins& ins, const Ins& outs, ZelModel* model) {
-    return kQuant8Rules.elementWise(ins, outs, model, OperationType::MUL);
+    return elementWiseOpCheck(ins, outs, model, OperationType::MUL);
 }
 
 bool average_pool_2d(const Ins& ins, const Ins& outs, ZelModel* model) {
-    return kQuant8Rules.pool(ins, outs, model, OperationType::AVERAGE_POOL_2D);
+    return pool(ins, outs, model, OperationType::AVERAGE_POOL_2D);
 }
 
 bool l2_pool_2d(const Ins& ins, const Ins& outs, ZelModel* model) {
-    return kQuant8Rules.pool(ins, outs, model, OperationType::L2_POOL_2D);
+    return pool(ins, outs, model, OperationType::L2_POOL_2D);
 }
 
 bool max_pool_2d(const Ins& ins, const Ins& outs, ZelModel* model) {
-    return kQuant8Rules.pool(ins, outs, model, OperationType::MAX_POOL_2D);
+    return pool(ins, outs, model, OperationType::MAX_POOL_2D);
 }
 
 bool logistic(const Ins& ins, const Ins& outs, ZelModel* model) {
-    return kQuant8Rules.activation(ins, outs, model, 1, OperationType::LOGISTIC);
+    return activation(ins, outs, model, 1, OperationType::LOGISTIC);
 }
 
 bool relu(const Ins& ins, const Ins& outs, ZelModel* model) {
-    return kQuant8Rules.activation(ins, outs, model, 1, OperationType::RELU);
+    return activation(ins, outs, model, 1, OperationType::RELU);
 }
 
 bool relu1(const Ins& ins, const Ins& outs, ZelModel* model) {
-    return kQuant8Rules.activation(ins, outs, model, 1, OperationType::RELU1);
+    return activation(ins, outs, model, 1, OperationType::RELU1);
 }
 
 bool relu6(const Ins& ins, const Ins& outs, ZelModel* model) {
-    return kQuant8Rules.activation(ins, outs, model, 1, OperationType::RELU6);
+    return activation(ins, outs, model, 1, OperationType::RELU6);
 }
 
 bool prelu(const Ins& ins, const Ins& outs, ZelModel* model) {
     // The alpha input is counted, not examined.
-    return kQuant8Rules.activation(ins, outs, model, 2, OperationType::PRELU);
+    return activation(ins, outs, model, 2, OperationType::PRELU);
 }
 
 bool softmax(const Ins& ins, const Ins& outs, ZelModel* model) {
-    return kQuant8Rules.activation(ins, outs, model, 2, OperationType::SOFTMAX);
+    return activation(ins, outs, model, 2, OperationType::SOFTMAX);
 }
 
 bool tanh(const Ins& ins, const Ins& outs, ZelModel* model) {
-    return kQuant8Rules.activation(ins, outs, model, 1, OperationType::TANH);
+    return activation(ins, outs, model, 1, OperationType::TANH);
 }
 
 bool concatenation(const Ins& ins, const Ins& outs, ZelModel* model) {

@@ -267,14 +267,15 @@ int64_t mulElementCount(int64_t count, int64_t value) {
 // Same-padding halves of one axis: out = ceil(in / stride), the window's
 // overhang split with the larger half at the tail. 32-bit signed arithmetic
 // that wraps (done in unsigned); a zero stride gives out = 0.
+// The exact result is taken in 64 bits and its low 32 bits kept.
 int32_t wrapAdd(int32_t a, int32_t b) {
-    return static_cast<int32_t>(static_cast<uint32_t>(a) + static_cast<uint32_t>(b));
+    return static_cast<int32_t>(static_cast<uint32_t>(static_cast<int64_t>(a) + b));
 }
 int32_t wrapSub(int32_t a, int32_t b) {
-    return static_cast<int32_t>(static_cast<uint32_t>(a) - static_cast<uint32_t>(b));
+    return static_cast<int32_t>(static_cast<uint32_t>(static_cast<int64_t>(a) - b));
 }
 int32_t wrapMul(int32_t a, int32_t b) {
-    return static_cast<int32_t>(static_cast<uint32_t>(a) * static_cast<uint32_t>(b));
+    return static_cast<int32_t>(static_cast<uint32_t>(static_cast<int64_t>(a) * b));
 }
 int32_t wrapDiv(int32_t a, int32_t b) {
     if (b == 0) return 0;

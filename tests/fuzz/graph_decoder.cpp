@@ -91,15 +91,18 @@ std::unique_ptr<HostGraph> decodeGraph(const uint8_t* data, size_t size) {
     return graph;
 }
 
-void exerciseGraph(HostGraph& graph) {
+Outcome exerciseGraph(HostGraph& graph) {
     // One accelerator for the whole process: releasing it would reload the
     // runtime on every input.
     static arv::nnhal::IAccelerator* accelerator = CreateAccelerator_zel(nullptr);
     arv::nnhal::host::HostSupportQuery query(graph.getOperationCount());
     accelerator->isGraphSupported(&graph, &query);
+    Outcome outcome;
+    outcome.levels = query.levels();
     arv::nnhal::host::HostExecutorContext context;
     const auto result = accelerator->createGraphExecutor(&graph, &context);
-    if (result.executor == nullptr) return;
+    outcome.created = result.status;
+    if (result.executor == nullptr) return outcome;
     std::vector<std::vector<uint8_t>> buffers;
     auto bind = [&](uint32_t count, bool isInput) {
         for (uint32_t p = 0; p < count; ++p) {
@@ -126,6 +129,75 @@ void exerciseGraph(HostGraph& graph) {
     result.executor->execute();
     graph.setExecuting(false);
     result.executor->release();
+    return outcome;
+}
+
+namespace {
+
+// The runtime takes a graph input or output as a tensor of rank 1 to 4
+// with elements of a known type.
+bool boundaryTensor(HostGraph& graph, uint32_t index) {
+    if (index >= graph.getOperandCount()) return false;
+    const auto& operand = graph.operand(index);
+    switch (operand.mType) {
+        case OperandType::TENSOR_FP32:
+        case OperandType::TENSOR_INT32:
+        case OperandType::TENSOR_QUANT8: break;
+        default: return false;
+    }
+    return !operand.mDims.empty() && operand.mDims.size() <= 4;
+}
+
+// One of the known gaps between query and preparation (README, support
+// section): shapes the per-operation query does not look at and that
+// preparation refuses.
+bool knownGap(HostGraph& graph) {
+    if (graph.getOperationCount() == 0) return true;
+    std::vector<bool> written(graph.getOperandCount(), false);
+    for (uint32_t i = 0; i < graph.getOperationCount(); ++i) {
+        const auto& operation = graph.operation(i);
+        const bool pooling =
+            operation.mType == OperationType::AVERAGE_POOL_2D || operation.mType == OperationType::MAX_POOL_2D;
+        // A pooling operation with more than one output.
+        if (pooling && operation.mOutputs.size() > 1) return true;
+        for (uint32_t out : operation.mOutputs) {
+            if (out < written.size()) written[out] = true;
+        }
+    }
+    for (uint32_t i = 0; i < graph.getOperandCount(); ++i) {
+        // An operand of a type outside the host framework's types.
+        const auto& operand = graph.operand(i);
+        const int32_t type = static_cast<int32_t>(operand.mType);
+        if ((type < 0 || type > 5) && type != 10000 && type != 10001) return true;
+        // A constant without all of its bytes, or of rank above 4: the query
+        // cannot tell it from a value another operation writes.
+        uint64_t bytes = elementBytes(operand.mType);
+        for (uint32_t d : operand.mDims) bytes *= d;
+        if (operand.mLifetime == Lifetime::Constant && (operand.mData.size() < bytes || operand.mDims.size() > 4)) {
+            return true;
+        }
+    }
+    for (uint32_t p = 0; p < graph.getInputCount(); ++p) {
+        // A graph input that is no tensor of rank 1 to 4 (or names no operand).
+        if (!boundaryTensor(graph, graph.getInput(p))) return true;
+    }
+    for (uint32_t p = 0; p < graph.getOutputCount(); ++p) {
+        const uint32_t index = graph.getOutput(p);
+        // A graph output that is no such tensor, or that no operation writes.
+        if (!boundaryTensor(graph, index) || !written[index]) return true;
+    }
+    return false;
+}
+
+}  // namespace
+
+std::string brokenPromise(HostGraph& graph, const Outcome& outcome) {
+    if (outcome.created != arv::nnhal::Status::GENERAL_FAILURE) return "";
+    for (int level : outcome.levels) {
+        if (level != 0) return "";
+    }
+    if (knownGap(graph)) return "";
+    return "every operation was reported supported, yet createGraphExecutor failed with status 1";
 }
 
 }  // namespace zelfuzz

@@ -160,6 +160,13 @@ bool knownGap(HostGraph& graph) {
             operation.mType == OperationType::AVERAGE_POOL_2D || operation.mType == OperationType::MAX_POOL_2D;
         // A pooling operation with more than one output.
         if (pooling && operation.mOutputs.size() > 1) return true;
+        // An operation reading a value that is neither a graph input nor a
+        // constant and that no earlier operation writes.
+        for (uint32_t in : operation.mInputs) {
+            if (in >= written.size()) continue;
+            const Lifetime lifetime = graph.operand(in).mLifetime;
+            if (lifetime != Lifetime::Input && lifetime != Lifetime::Constant && !written[in]) return true;
+        }
         for (uint32_t out : operation.mOutputs) {
             if (out < written.size()) written[out] = true;
         }

@@ -239,6 +239,11 @@ bool CheckRules::operandsReadable(const Ins& ins, const Ins& outs, ZelModel* mod
         uint64_t count = 1;
         for (uint32_t d : operand.originalDimensions) count = d != 0 && count > UINT64_MAX / d ? UINT64_MAX : count * d;
         const uint64_t element = getSize(operand.type);
+        if (!operand.originalDimensions.empty() && count == 0) {
+            ZEL_LOG_LOCATED_IN(source(),
+                               "Input " << i << " of " << toString(type) << " is constant data with a dimension of 0");
+            return false;
+        }
         if (element != 0 && count > operand.length / element) {
             ZEL_LOG_LOCATED_IN(source(), "Input " << i << " of " << toString(type) << " holds " << operand.length
                                                   << " bytes of constant data, short of " << count << " values");
@@ -320,6 +325,13 @@ bool CheckRules::storeShape(bool inferred, ZelModel* model, uint32_t out, const 
     if (!declared.empty() && declaredCount != 0 && declaredCount != inferredCount) {
         ZEL_LOG_LOCATED_IN(source(), "Output operand " << out << " is declared with " << declaredCount
                                                        << " values where the operation gives " << inferredCount);
+        return false;
+    }
+    // The same values in another arrangement of the runtime's four dimensions.
+    if (!declared.empty() && declaredCount != 0 && declared.size() <= 4 && output.dimensions.size() <= 4 &&
+        getAlignedDimensions(declared, 4) != getAlignedDimensions(output.dimensions, 4)) {
+        ZEL_LOG_LOCATED_IN(source(), "Output operand " << out << " is declared with another shape than the "
+                                                       << output.dimensions.size() << "-D shape the operation gives");
         return false;
     }
     if (!model->setShape(out, output)) {
@@ -442,6 +454,16 @@ bool CheckRules::convolution(const Ins& ins, const Ins& outs, ZelModel* model, O
     if (!readWindow(source(), model, ins, explicitForm, 3, input, type, false, &window)) return false;
     const padding_type_enum pad = window.padding;
     ZEL_CHECK_NE_IN(source(), pad, ZEL_NN_PAD_NA, false, "Unknown padding");
+
+    if (type == OperationType::DEPTHWISE_CONV_2D) {
+        // The depth multiplier (before the activation) splits the filter's
+        // depth into the input's channels.
+        const int32_t multiplier = model->getScalar<int32_t>(ins[ins.size() - 2]);
+        ZEL_CHECK_LE_IN(source(), 1, multiplier, false, "Depth multiplier must be at least 1 for " << toString(type));
+        const uint64_t inputDepth = getSizeOfDimension(input, 3);
+        ZEL_CHECK_EQ_IN(source(), inputDepth * static_cast<uint64_t>(multiplier), getSizeOfDimension(filter, 3), false,
+                        "Filter depth must be the input depth times the depth multiplier for " << toString(type));
+    }
 
     // The activation is the last input in both forms.
     if (!activationFusable(model, ins.back())) return false;

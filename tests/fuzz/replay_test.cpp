@@ -61,7 +61,7 @@ TEST(FuzzReplay, PseudoRandomGraphsAreRefusedOrRun) {
         for (auto& b : bytes) b = static_cast<uint8_t>(next() >> 24);
         auto graph = zelfuzz::decodeGraph(bytes.data(), bytes.size());
         const zelfuzz::Outcome outcome = zelfuzz::exerciseGraph(*graph);
-        EXPECT_EQ("", zelfuzz::brokenPromise(*graph, outcome)) << path;
+        EXPECT_EQ("", zelfuzz::brokenPromise(*graph, outcome)) << "pseudo-random input " << i;
     }
     EXPECT_EQ(zelsim::liveGraphs(), 0);
 }

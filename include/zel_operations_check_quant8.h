@@ -69,7 +69,8 @@ private:
     bool int32Parameters(ZelModel* model, const Ins& ins, size_t first, size_t end, OperationType type) const;
     bool copyInt32Data(ZelModel* model, uint32_t index, OperationType type, std::vector<int32_t>* values) const;
     bool activationFusable(ZelModel* model, uint32_t index) const;
-    bool storeShape(bool inferred, ZelModel* model, uint32_t out, const Shape& output) const;
+    bool storeShape(bool inferred, ZelModel* model, uint32_t out, const Shape& output, const Ins& ins) const;
+    bool storeOnly(ZelModel* model, uint32_t out, const Shape& output) const;
     struct SpaceBatch;
     bool readSpaceBatch(const Ins& ins, const Ins& outs, ZelModel* model, OperationType type, size_t inputCount,
                         SpaceBatch* operands) const;

@@ -8,6 +8,7 @@
 // setShape stays in the model even when a later step refuses.
 #include "zel_operations_check_quant8.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -194,10 +195,15 @@ bool readWindow(::zel_detail::Source at, ZelModel* model, const Ins& ins, bool e
     // Widened: pads come from the graph and may be anything.
     const int64_t paddedW = static_cast<int64_t>(getSizeOfDimension(input, 2)) + window->padLeft + window->padRight;
     const int64_t paddedH = static_cast<int64_t>(getSizeOfDimension(input, 1)) + window->padTop + window->padBottom;
-    ZEL_CHECK_LE_IN(at, window->filterW, paddedW, false,
-                    (pooling ? "Window" : "Filter") << " must fit the padded input of " << toString(type));
-    ZEL_CHECK_LE_IN(at, window->filterH, paddedH, false,
-                    (pooling ? "Window" : "Filter") << " must fit the padded input of " << toString(type));
+    // An input dimension of 0 is left to the parameter test (level 2).
+    if (inW != 0) {
+        ZEL_CHECK_LE_IN(at, window->filterW, paddedW, false,
+                        (pooling ? "Window" : "Filter") << " must fit the padded input of " << toString(type));
+    }
+    if (inH != 0) {
+        ZEL_CHECK_LE_IN(at, window->filterH, paddedH, false,
+                        (pooling ? "Window" : "Filter") << " must fit the padded input of " << toString(type));
+    }
     window->padding = explicitForm
                           ? getPadding(inW, inH, window->strideW, window->strideH, window->filterW, window->filterH,
                                        window->padLeft, window->padRight, window->padTop, window->padBottom)
@@ -306,7 +312,7 @@ bool CheckRules::activationFusable(ZelModel* model, uint32_t index) const {
 
 // Shape inference result written into the output operand, with the two
 // shared messages.
-bool CheckRules::storeShape(bool inferred, ZelModel* model, uint32_t out, const Shape& output) const {
+bool CheckRules::storeShape(bool inferred, ZelModel* model, uint32_t out, const Shape& output, const Ins& ins) const {
     if (!inferred) {
         ZEL_LOG_LOCATED_IN(source(), "Error getting shape");
         return false;
@@ -314,6 +320,13 @@ bool CheckRules::storeShape(bool inferred, ZelModel* model, uint32_t out, const 
     // The operation is built with its output's declared shape: a declared
     // shape that is fully known (no dimension left 0) and holds a different
     // number of values than the inferred one cannot be built.
+    // Inputs with a 0 past the batch are left to the parameter test (level
+    // 2): their inferred sizes mean nothing.
+    for (uint32_t index : ins) {
+        const std::vector<uint32_t>& dims = model->operands()[index].dimensions;
+        if (dims.size() >= 2 && std::find(dims.begin() + 1, dims.end(), 0u) != dims.end())
+            return storeOnly(model, out, output);
+    }
     const std::vector<uint32_t>& declared = model->operands()[out].dimensions;
     uint64_t declaredCount = 1;
     uint64_t inferredCount = 1;
@@ -334,6 +347,10 @@ bool CheckRules::storeShape(bool inferred, ZelModel* model, uint32_t out, const 
                                                        << output.dimensions.size() << "-D shape the operation gives");
         return false;
     }
+    return storeOnly(model, out, output);
+}
+
+bool CheckRules::storeOnly(ZelModel* model, uint32_t out, const Shape& output) const {
     if (!model->setShape(out, output)) {
         ZEL_LOG_LOCATED_IN(source(), "Error setting shape");
         return false;
@@ -391,7 +408,8 @@ bool CheckRules::elementWise(const Ins& ins, const Ins& outs, ZelModel* model, O
 
     if (!activationFusable(model, ins[2])) return false;
     Shape output = model->getShape(outs[0]);
-    return storeShape(addMulPrepare(model->getShape(ins[0]), model->getShape(ins[1]), &output), model, outs[0], output);
+    return storeShape(addMulPrepare(model->getShape(ins[0]), model->getShape(ins[1]), &output), model, outs[0], output,
+                      ins);
 }
 
 bool CheckRules::pool(const Ins& ins, const Ins& outs, ZelModel* model, OperationType type) const {
@@ -420,7 +438,7 @@ bool CheckRules::pool(const Ins& ins, const Ins& outs, ZelModel* model, Operatio
     const bool inferred =
         genericPoolingPrepare(input, window.padLeft, window.padRight, window.padTop, window.padBottom, window.strideW,
                               window.strideH, window.filterW, window.filterH, &output);
-    return storeShape(inferred, model, outs[0], output);
+    return storeShape(inferred, model, outs[0], output, ins);
 }
 
 bool CheckRules::activation(const Ins& ins, const Ins& outs, ZelModel* model, uint32_t numInputs,
@@ -430,7 +448,7 @@ bool CheckRules::activation(const Ins& ins, const Ins& outs, ZelModel* model, ui
     if (!operandsReadable(ins, outs, model, type)) return false;
 
     Shape output = model->getShape(outs[0]);
-    return storeShape(genericActivationPrepare(model->getShape(ins[0]), &output), model, outs[0], output);
+    return storeShape(genericActivationPrepare(model->getShape(ins[0]), &output), model, outs[0], output, ins);
 }
 
 bool CheckRules::convolution(const Ins& ins, const Ins& outs, ZelModel* model, OperationType type,
@@ -475,7 +493,7 @@ bool CheckRules::convolution(const Ins& ins, const Ins& outs, ZelModel* model, O
                           window.strideW, window.strideH, &output)
             : depthwiseConvPrepare(input, filter, bias, window.padLeft, window.padRight, window.padTop,
                                    window.padBottom, window.strideW, window.strideH, &output);
-    if (!storeShape(inferred, model, outs[0], output)) return false;
+    if (!storeShape(inferred, model, outs[0], output, ins)) return false;
     if (!model->isConstant(ins[1])) {
         ZEL_LOG_LOCATED_IN(source(), toString(type) << " requires filter to be constant data");
         return false;
@@ -494,7 +512,7 @@ bool CheckRules::fullyConnected(const Ins& ins, const Ins& outs, ZelModel* model
     Shape output = model->getShape(outs[0]);
     const bool inferred =
         fullyConnectedPrepare(model->getShape(ins[0]), model->getShape(ins[1]), model->getShape(ins[2]), &output);
-    if (!storeShape(inferred, model, outs[0], output)) return false;
+    if (!storeShape(inferred, model, outs[0], output, ins)) return false;
     if (!model->isConstant(ins[1])) {
         ZEL_LOG_LOCATED_IN(source(), toString(type) << " requires weight to be constant data");
         return false;
@@ -519,7 +537,7 @@ bool CheckRules::concatenation(const Ins& ins, const Ins& outs, ZelModel* model)
     std::vector<Shape> shapes;
     for (size_t i = 0; i + 1 < ins.size(); ++i) shapes.push_back(model->getShape(ins[i]));
     Shape output = model->getShape(outs[0]);
-    return storeShape(concatenationPrepare(shapes, axis, &output), model, outs[0], output);
+    return storeShape(concatenationPrepare(shapes, axis, &output), model, outs[0], output, ins);
 }
 
 bool CheckRules::reshape(const Ins& ins, const Ins& outs, ZelModel* model) const {
@@ -538,7 +556,7 @@ bool CheckRules::reshape(const Ins& ins, const Ins& outs, ZelModel* model) const
 
     Shape output = model->getShape(outs[0]);
     const bool inferred = reshapePrepare(model->getShape(ins[0]), target.data(), static_cast<int32_t>(count), &output);
-    return storeShape(inferred, model, outs[0], output);
+    return storeShape(inferred, model, outs[0], output, ins);
 }
 
 bool CheckRules::resizeBilinear(const Ins& ins, const Ins& outs, ZelModel* model) const {
@@ -555,7 +573,8 @@ bool CheckRules::resizeBilinear(const Ins& ins, const Ins& outs, ZelModel* model
     ZEL_CHECK_LE_IN(source(), 1, width, false, "Target width must be at least 1 for " << toString(type));
     ZEL_CHECK_LE_IN(source(), 1, height, false, "Target height must be at least 1 for " << toString(type));
     Shape output = model->getShape(outs[0]);
-    return storeShape(resizeBilinearPrepare(model->getShape(ins[0]), width, height, &output), model, outs[0], output);
+    return storeShape(resizeBilinearPrepare(model->getShape(ins[0]), width, height, &output), model, outs[0], output,
+                      ins);
 }
 
 bool CheckRules::dequantize(const Ins& ins, const Ins& outs, ZelModel* model) const {
@@ -565,7 +584,7 @@ bool CheckRules::dequantize(const Ins& ins, const Ins& outs, ZelModel* model) co
     if (!operandsReadable(ins, outs, model, type)) return false;
 
     Shape output = model->getShape(outs[0]);
-    return storeShape(dequantizePrepare(model->getShape(ins[0]), &output), model, outs[0], output);
+    return storeShape(dequantizePrepare(model->getShape(ins[0]), &output), model, outs[0], output, ins);
 }
 
 bool CheckRules::localResponseNormalization(const Ins& ins, const Ins& outs, ZelModel* model) const {
@@ -575,7 +594,7 @@ bool CheckRules::localResponseNormalization(const Ins& ins, const Ins& outs, Zel
     if (!operandsReadable(ins, outs, model, type)) return false;
 
     Shape output = model->getShape(outs[0]);
-    return storeShape(genericNormalizationPrepare(model->getShape(ins[0]), &output), model, outs[0], output);
+    return storeShape(genericNormalizationPrepare(model->getShape(ins[0]), &output), model, outs[0], output, ins);
 }
 
 bool CheckRules::squeeze(const Ins& ins, const Ins& outs, ZelModel* model) const {
@@ -619,7 +638,7 @@ bool CheckRules::squeeze(const Ins& ins, const Ins& outs, ZelModel* model) const
         }
     }
     Shape output = model->getShape(outs[0]);
-    return storeShape(squeezePrepare(input, dims.data(), dimsShape, &output), model, outs[0], output);
+    return storeShape(squeezePrepare(input, dims.data(), dimsShape, &output), model, outs[0], output, ins);
 }
 
 bool CheckRules::pad(const Ins& ins, const Ins& outs, ZelModel* model) const {
@@ -664,7 +683,7 @@ bool CheckRules::pad(const Ins& ins, const Ins& outs, ZelModel* model) const {
             }
         }
     }
-    return storeShape(true, model, outs[0], output);
+    return storeShape(true, model, outs[0], output, ins);
 }
 
 bool CheckRules::transpose(const Ins& ins, const Ins& outs, ZelModel* model) const {
@@ -712,7 +731,7 @@ bool CheckRules::transpose(const Ins& ins, const Ins& outs, ZelModel* model) con
             return false;
         }
     }
-    return storeShape(true, model, outs[0], output);
+    return storeShape(true, model, outs[0], output, ins);
 }
 
 bool CheckRules::spaceToDepth(const Ins& ins, const Ins& outs, ZelModel* model) const {
@@ -723,7 +742,7 @@ bool CheckRules::spaceToDepth(const Ins& ins, const Ins& outs, ZelModel* model) 
 
     const int32_t blockSize = model->getScalar<int32_t>(ins[1]);
     Shape output = model->getShape(outs[0]);
-    return storeShape(spaceToDepthPrepare(model->getShape(ins[0]), blockSize, &output), model, outs[0], output);
+    return storeShape(spaceToDepthPrepare(model->getShape(ins[0]), blockSize, &output), model, outs[0], output, ins);
 }
 
 bool CheckRules::batchToSpace(const Ins& ins, const Ins& outs, ZelModel* model) const {
@@ -732,7 +751,7 @@ bool CheckRules::batchToSpace(const Ins& ins, const Ins& outs, ZelModel* model) 
 
     Shape output = model->getShape(outs[0]);
     const bool inferred = batchToSpacePrepare(operands.input, operands.block.data(), operands.blockShape, &output);
-    return storeShape(inferred, model, outs[0], output);
+    return storeShape(inferred, model, outs[0], output, ins);
 }
 
 bool CheckRules::spaceToBatch(const Ins& ins, const Ins& outs, ZelModel* model) const {
@@ -751,7 +770,7 @@ bool CheckRules::spaceToBatch(const Ins& ins, const Ins& outs, ZelModel* model) 
     Shape output = model->getShape(outs[0]);
     const bool inferred = spaceToBatchPrepare(operands.input, operands.block.data(), operands.blockShape,
                                               paddings.data(), paddingShape, &output);
-    return storeShape(inferred, model, outs[0], output);
+    return storeShape(inferred, model, outs[0], output, ins);
 }
 
 bool CheckRules::oemLstm(const Ins& ins, const Ins& outs, ZelModel* model) const {

@@ -248,7 +248,11 @@ void logFailedCondition(const char* condition) {
 uint32_t windowOutputSize(uint32_t in, int32_t padHead, int32_t padTail, int32_t stride, uint32_t filter) {
     const uint32_t step = static_cast<uint32_t>(stride);
     if (step == 0) return 0;
-    return (in + static_cast<uint32_t>(padHead) + static_cast<uint32_t>(padTail) + step - filter) / step;
+    // The 32-bit sum wraps: it is taken in 64 bits (2^32 added so that the
+    // subtraction stays positive) and its low 32 bits kept.
+    const uint64_t sum = uint64_t{in} + static_cast<uint32_t>(padHead) + static_cast<uint32_t>(padTail) + step +
+                         (uint64_t{1} << 32) - filter;
+    return static_cast<uint32_t>(sum) / step;
 }
 
 // Element counts above 2^32 cannot match any real tensor; products are

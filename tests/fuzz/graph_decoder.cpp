@@ -192,10 +192,11 @@ bool knownGap(HostGraph& graph) {
         const uint32_t index = graph.getOutput(p);
         // A graph output that is no such tensor, or that no operation writes.
         if (!boundaryTensor(graph, index) || !written[index]) return true;
-        // A graph output declared with a dimension of 0 past the batch (to
-        // be inferred): the query does not look at outputs.
+        // A graph output declared with a dimension of 0 past the batch, or
+        // of the one dimension 0 (to be inferred): the query does not look
+        // at outputs.
         const auto& dims = graph.operand(index).mDims;
-        if (std::find(dims.begin() + 1, dims.end(), 0u) != dims.end()) return true;
+        if (std::find(dims.begin() + 1, dims.end(), 0u) != dims.end() || dims == std::vector<uint32_t>{0}) return true;
     }
     return false;
 }

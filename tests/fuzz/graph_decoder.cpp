@@ -162,6 +162,16 @@ bool knownGap(HostGraph& graph) {
         if (pooling && operation.mOutputs.size() > 1) return true;
         // An operation reading a value that is neither a graph input nor a
         // constant and that no earlier operation writes.
+        // An operand of the operation declared with a dimension of 0: a
+        // batch of 0 (which the query accepts) or an output to be inferred
+        // (which it does not look at).
+        for (const auto* list : {&operation.mInputs, &operation.mOutputs}) {
+            for (uint32_t index : *list) {
+                if (index >= written.size()) continue;
+                const auto& dims = graph.operand(index).mDims;
+                if (std::find(dims.begin(), dims.end(), 0u) != dims.end()) return true;
+            }
+        }
         for (uint32_t in : operation.mInputs) {
             if (in >= written.size()) continue;
             const Lifetime lifetime = graph.operand(in).mLifetime;
@@ -192,11 +202,6 @@ bool knownGap(HostGraph& graph) {
         const uint32_t index = graph.getOutput(p);
         // A graph output that is no such tensor, or that no operation writes.
         if (!boundaryTensor(graph, index) || !written[index]) return true;
-        // A graph output declared with a dimension of 0 past the batch, or
-        // of the one dimension 0 (to be inferred): the query does not look
-        // at outputs.
-        const auto& dims = graph.operand(index).mDims;
-        if (std::find(dims.begin() + 1, dims.end(), 0u) != dims.end() || dims == std::vector<uint32_t>{0}) return true;
     }
     return false;
 }

@@ -327,6 +327,13 @@ bool CheckRules::storeShape(bool inferred, ZelModel* model, uint32_t out, const 
         if (dims.size() >= 2 && std::find(dims.begin() + 1, dims.end(), 0u) != dims.end())
             return storeOnly(model, out, output);
     }
+    // The operation is built with its output's declared type.
+    const OperandType declaredType = model->operands()[out].type;
+    if (declaredType != output.type) {
+        ZEL_LOG_LOCATED_IN(source(), "Output operand " << out << " is declared as " << toString(declaredType)
+                                                       << " where the operation gives " << toString(output.type));
+        return false;
+    }
     const std::vector<uint32_t>& declared = model->operands()[out].dimensions;
     uint64_t declaredCount = 1;
     uint64_t inferredCount = 1;

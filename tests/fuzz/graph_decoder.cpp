@@ -177,8 +177,15 @@ bool knownGap(HostGraph& graph) {
             const Lifetime lifetime = graph.operand(in).mLifetime;
             if (lifetime != Lifetime::Input && lifetime != Lifetime::Constant && !written[in]) return true;
         }
+        // An operation writing a graph input, a constant, or a value another
+        // operation writes.
         for (uint32_t out : operation.mOutputs) {
-            if (out < written.size()) written[out] = true;
+            if (out >= written.size()) continue;
+            const Lifetime lifetime = graph.operand(out).mLifetime;
+            if (lifetime == Lifetime::Input || lifetime == Lifetime::Constant || written[out]) return true;
+            // An output of rank 0 (to be inferred).
+            if (graph.operand(out).mDims.empty()) return true;
+            written[out] = true;
         }
     }
     for (uint32_t i = 0; i < graph.getOperandCount(); ++i) {

@@ -188,6 +188,26 @@ bool knownGap(HostGraph& graph) {
             written[out] = true;
         }
     }
+    // A constant read as the weights or filter of an operation (input 1 of
+    // CONV_2D, DEPTHWISE_CONV_2D, FULLY_CONNECTED) and also read elsewhere:
+    // preparation rearranges it once, for the weights.
+    std::vector<int> reads(graph.getOperandCount(), 0);
+    std::vector<bool> weights(graph.getOperandCount(), false);
+    for (uint32_t i = 0; i < graph.getOperationCount(); ++i) {
+        const auto& operation = graph.operation(i);
+        for (uint32_t in : operation.mInputs) {
+            if (in < reads.size()) ++reads[in];
+        }
+        const bool weighted = operation.mType == OperationType::CONV_2D ||
+                              operation.mType == OperationType::DEPTHWISE_CONV_2D ||
+                              operation.mType == OperationType::FULLY_CONNECTED;
+        if (weighted && operation.mInputs.size() > 1 && operation.mInputs[1] < weights.size()) {
+            weights[operation.mInputs[1]] = true;
+        }
+    }
+    for (uint32_t i = 0; i < graph.getOperandCount(); ++i) {
+        if (weights[i] && reads[i] > 1) return true;
+    }
     for (uint32_t i = 0; i < graph.getOperandCount(); ++i) {
         // An operand of a type outside the host framework's types.
         const auto& operand = graph.operand(i);

@@ -160,6 +160,8 @@ bool knownGap(HostGraph& graph) {
             operation.mType == OperationType::AVERAGE_POOL_2D || operation.mType == OperationType::MAX_POOL_2D;
         // A pooling operation with more than one output.
         if (pooling && operation.mOutputs.size() > 1) return true;
+        // A PRELU: its alpha is counted, not examined.
+        if (operation.mType == OperationType::PRELU) return true;
         // An operation reading a value that is neither a graph input nor a
         // constant and that no earlier operation writes.
         // An operand of the operation declared with a dimension of 0: a

@@ -148,6 +148,21 @@ bool boundaryTensor(HostGraph& graph, uint32_t index) {
     return !operand.mDims.empty() && operand.mDims.size() <= 4;
 }
 
+// True when operand `b` broadcasts against operand `a` (sizes aligned from
+// the last, each pair equal or one of them 1, at most 4 dimensions).
+bool broadcasts(HostGraph& graph, uint32_t a, uint32_t b) {
+    if (a >= graph.getOperandCount() || b >= graph.getOperandCount()) return false;
+    const auto& da = graph.operand(a).mDims;
+    const auto& db = graph.operand(b).mDims;
+    if (da.size() > 4 || db.size() > 4) return false;
+    for (size_t i = 1; i <= std::min(da.size(), db.size()); ++i) {
+        const uint32_t x = da[da.size() - i];
+        const uint32_t y = db[db.size() - i];
+        if (x != y && x != 1 && y != 1) return false;
+    }
+    return true;
+}
+
 // One of the known gaps between query and preparation (README, support
 // section): shapes the per-operation query does not look at and that
 // preparation refuses.
@@ -160,8 +175,12 @@ bool knownGap(HostGraph& graph) {
             operation.mType == OperationType::AVERAGE_POOL_2D || operation.mType == OperationType::MAX_POOL_2D;
         // A pooling operation with more than one output.
         if (pooling && operation.mOutputs.size() > 1) return true;
-        // A PRELU: its alpha is counted, not examined.
-        if (operation.mType == OperationType::PRELU) return true;
+        // A PRELU whose alpha does not broadcast against its input: the
+        // alpha is counted, not examined.
+        if (operation.mType == OperationType::PRELU && operation.mInputs.size() == 2 &&
+            !broadcasts(graph, operation.mInputs[0], operation.mInputs[1])) {
+            return true;
+        }
         // An operation reading a value that is neither a graph input nor a
         // constant and that no earlier operation writes.
         // An operand of the operation declared with a dimension of 0: a

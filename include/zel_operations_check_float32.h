@@ -17,6 +17,11 @@ namespace float32_check {
 
 using Ins = std::vector<uint32_t>;
 
+// The shared sub-checks the per-operation checks forward to.
+bool elementWiseOpCheck(const Ins& ins, const Ins& outs, ZelModel* model, OperationType type);
+bool pool(const Ins& ins, const Ins& outs, ZelModel* model, OperationType type);
+bool activation(const Ins& ins, const Ins& outs, ZelModel* model, uint32_t numInputs, OperationType type);
+
 bool add(const Ins& ins, const Ins& outs, ZelModel* model);
 bool mul(const Ins& ins, const Ins& outs, ZelModel* model);
 bool sub(const Ins& ins, const Ins& outs, ZelModel* model);

@@ -28,7 +28,9 @@ const OperationCheckTable& getOperationCheckTable();
 
 struct Shape;
 
-// The check rules, written once for the quant8 and the float32 family. One
+// The check rules behind both families' check functions (an implementation
+// detail: callers use the functions of quant8_asym_check and float32_check),
+// written once for the quant8 and the float32 family. One
 // object per family: its located lines name the family's source file, and
 // the quantized family adds the rules of the quantized runtime (fusable
 // activation, channel-axis concatenation, constant transpose indexes).
@@ -64,9 +66,11 @@ public:
 
 private:
     bool operandsReadable(const Ins& ins, const Ins& outs, ZelModel* model, OperationType type) const;
+    bool int32Parameters(ZelModel* model, const Ins& ins, size_t first, size_t end, OperationType type) const;
     bool copyInt32Data(ZelModel* model, uint32_t index, OperationType type, std::vector<int32_t>* values) const;
     bool activationFusable(ZelModel* model, uint32_t index) const;
-    bool storeShape(bool inferred, ZelModel* model, uint32_t out, const Shape& output) const;
+    bool storeShape(bool inferred, ZelModel* model, uint32_t out, const Shape& output, const Ins& ins) const;
+    bool storeOnly(ZelModel* model, uint32_t out, const Shape& output) const;
     struct SpaceBatch;
     bool readSpaceBatch(const Ins& ins, const Ins& outs, ZelModel* model, OperationType type, size_t inputCount,
                         SpaceBatch* operands) const;
@@ -83,6 +87,11 @@ private:
 namespace quant8_asym_check {
 
 using Ins = std::vector<uint32_t>;
+
+// The shared sub-checks the per-operation checks forward to.
+bool elementWiseOpCheck(const Ins& ins, const Ins& outs, ZelModel* model, OperationType type);
+bool pool(const Ins& ins, const Ins& outs, ZelModel* model, OperationType type);
+bool activation(const Ins& ins, const Ins& outs, ZelModel* model, uint32_t numInputs, OperationType type);
 
 // True for the fused activation node codes the accelerator can fuse.
 bool fusedActivationCheck(zel_op_type_enum code);

@@ -43,6 +43,10 @@ struct Window {
 };
 
 int32_t scalar(ZelModel* model, uint32_t index);
+// The runtime's axis (of its four dimensions, the host's shorter shapes
+// right-aligned) for `axis` of a host operand of `rank`; false when the
+// axis is outside that rank or the rank above 4.
+bool toRuntimeAxis(int32_t axis, size_t rank, int32_t* runtimeAxis);
 // One 4-byte float constant of shape 1x1x1x1.
 kestrel_zel_nn_input floatConstant(ZelModel* model, float value);
 // An int32 constant of the given dims holding `values`.

@@ -9,6 +9,7 @@
 #include <atomic>
 #include <cstdio>
 #include <exception>
+#include <limits>
 #include <sstream>
 
 #include "zel_model.h"
@@ -222,8 +223,9 @@ void VotingThread::handleMessageLocked(Message& msg) {
             enqueueMessageLocked(token, Message::DOWN_VOTE_TIMEOUT, mDelays.timeout);
             break;
         case Message::DOWN_VOTE:
-            // No check against 0 on purpose: an unmatched down vote wraps.
-            setCountLocked(it, it->second - 1);
+            // No check against 0 on purpose: an unmatched down vote wraps
+            // (written out, so that the integer checks see no overflow).
+            setCountLocked(it, it->second == 0 ? std::numeric_limits<decltype(it->second)>::max() : it->second - 1);
             if (mBusyTokens == 0) vote(DOWN);
             if (it->second == 0) removeQueuedMessagesLocked(Message::DOWN_VOTE_TIMEOUT, sameToken);
             break;

@@ -548,8 +548,9 @@ input ZelModel::createQuantizationValue(uint32_t index, int32_t value) {
     if (!checkOperand(index)) return input{};
     const OperandInfo& operand = mOperands[index];
     (DebugLine() << "Create quantization value, operand: " << index << ", value: " << value).log();
-    // 32-bit subtraction with wrap-around, then a single-precision product.
-    const int32_t steps = static_cast<int32_t>(static_cast<uint32_t>(value) - static_cast<uint32_t>(operand.zeroPoint));
+    // 32-bit subtraction with wrap-around, then a single-precision product:
+    // the difference is taken in 64 bits and its low 32 bits kept.
+    const int32_t steps = static_cast<int32_t>(static_cast<uint32_t>(static_cast<int64_t>(value) - operand.zeroPoint));
     return createFloatConstant(operand.scale * static_cast<float>(steps));
 }
 

@@ -17,52 +17,64 @@ namespace float32_check {
 
 constexpr CheckRules kFloat32Rules(__FILE__, false);
 
+bool elementWiseOpCheck(const Ins& ins, const Ins& outs, ZelModel* model, OperationType type) {
+    return kFloat32Rules.at(__LINE__).elementWise(ins, outs, model, type);
+}
+
+bool pool(const Ins& ins, const Ins& outs, ZelModel* model, OperationType type) {
+    return kFloat32Rules.at(__LINE__).pool(ins, outs, model, type);
+}
+
+bool activation(const Ins& ins, const Ins& outs, ZelModel* model, uint32_t numInputs, OperationType type) {
+    return kFloat32Rules.at(__LINE__).activation(ins, outs, model, numInputs, type);
+}
+
 bool add(const Ins& ins, const Ins& outs, ZelModel* model) {
-    return kFloat32Rules.at(__LINE__).elementWise(ins, outs, model, OperationType::ADD);
+    return elementWiseOpCheck(ins, outs, model, OperationType::ADD);
 }
 
 bool sub(const Ins& ins, const Ins& outs, ZelModel* model) {
-    return kFloat32Rules.at(__LINE__).elementWise(ins, outs, model, OperationType::SUB);
+    return elementWiseOpCheck(ins, outs, model, OperationType::SUB);
 }
 
 bool mul(const Ins& ins, const Ins& outs, ZelModel* model) {
-    return kFloat32Rules.at(__LINE__).elementWise(ins, outs, model, OperationType::MUL);
+    return elementWiseOpCheck(ins, outs, model, OperationType::MUL);
 }
 
 bool average_pool_2d(const Ins& ins, const Ins& outs, ZelModel* model) {
-    return kFloat32Rules.at(__LINE__).pool(ins, outs, model, OperationType::AVERAGE_POOL_2D);
+    return pool(ins, outs, model, OperationType::AVERAGE_POOL_2D);
 }
 
 bool l2_pool_2d(const Ins& ins, const Ins& outs, ZelModel* model) {
-    return kFloat32Rules.at(__LINE__).pool(ins, outs, model, OperationType::L2_POOL_2D);
+    return pool(ins, outs, model, OperationType::L2_POOL_2D);
 }
 
 bool max_pool_2d(const Ins& ins, const Ins& outs, ZelModel* model) {
-    return kFloat32Rules.at(__LINE__).pool(ins, outs, model, OperationType::MAX_POOL_2D);
+    return pool(ins, outs, model, OperationType::MAX_POOL_2D);
 }
 
 bool logistic(const Ins& ins, const Ins& outs, ZelModel* model) {
-    return kFloat32Rules.at(__LINE__).activation(ins, outs, model, 1, OperationType::LOGISTIC);
+    return activation(ins, outs, model, 1, OperationType::LOGISTIC);
 }
 
 bool relu(const Ins& ins, const Ins& outs, ZelModel* model) {
-    return kFloat32Rules.at(__LINE__).activation(ins, outs, model, 1, OperationType::RELU);
+    return activation(ins, outs, model, 1, OperationType::RELU);
 }
 
 bool relu1(const Ins& ins, const Ins& outs, ZelModel* model) {
-    return kFloat32Rules.at(__LINE__).activation(ins, outs, model, 1, OperationType::RELU1);
+    return activation(ins, outs, model, 1, OperationType::RELU1);
 }
 
 bool relu6(const Ins& ins, const Ins& outs, ZelModel* model) {
-    return kFloat32Rules.at(__LINE__).activation(ins, outs, model, 1, OperationType::RELU6);
+    return activation(ins, outs, model, 1, OperationType::RELU6);
 }
 
 bool softmax(const Ins& ins, const Ins& outs, ZelModel* model) {
-    return kFloat32Rules.at(__LINE__).activation(ins, outs, model, 2, OperationType::SOFTMAX);
+    return activation(ins, outs, model, 2, OperationType::SOFTMAX);
 }
 
 bool tanh(const Ins& ins, const Ins& outs, ZelModel* model) {
-    return kFloat32Rules.at(__LINE__).activation(ins, outs, model, 1, OperationType::TANH);
+    return activation(ins, outs, model, 1, OperationType::TANH);
 }
 
 bool concatenation(const Ins& ins, const Ins& outs, ZelModel* model) {

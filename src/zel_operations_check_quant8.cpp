@@ -8,6 +8,7 @@
 // setShape stays in the model even when a later step refuses.
 #include "zel_operations_check_quant8.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -159,29 +160,55 @@ void samePads(int64_t in, int64_t stride, int64_t filter, int32_t* head, int32_t
 
 // Reads the padding and strides starting at ins[first]. Implicit form: the
 // padding code, stride_w, stride_h. Explicit form: left, right, top, bottom,
-// stride_w, stride_h. The window size must already be in `window`.
-void readWindow(ZelModel* model, const Ins& ins, bool explicitForm, size_t first, const Shape& input, Window* window) {
+// stride_w, stride_h. The window size must already be in `window`. Strides
+// below 1, a pooling window below 1 and a window larger than the padded
+// input cannot be lowered (the inferred output size would wrap): each is
+// refused with one line naming `at`.
+bool readWindow(::zel_detail::Source at, ZelModel* model, const Ins& ins, bool explicitForm, size_t first,
+                const Shape& input, OperationType type, bool pooling, Window* window) {
+    const size_t strides = first + (explicitForm ? 4 : 1);
+    window->strideW = model->getScalar<int32_t>(ins[strides]);
+    window->strideH = model->getScalar<int32_t>(ins[strides + 1]);
+    ZEL_CHECK_LE_IN(at, 1, window->strideW, false, "Stride must be at least 1 for " << toString(type));
+    ZEL_CHECK_LE_IN(at, 1, window->strideH, false, "Stride must be at least 1 for " << toString(type));
+    if (pooling) {
+        ZEL_CHECK_LE_IN(at, 1, window->filterW, false, "Window must be at least 1 for " << toString(type));
+        ZEL_CHECK_LE_IN(at, 1, window->filterH, false, "Window must be at least 1 for " << toString(type));
+    }
     const int32_t inW = static_cast<int32_t>(getSizeOfDimension(input, 2));
     const int32_t inH = static_cast<int32_t>(getSizeOfDimension(input, 1));
+    int32_t code = 0;
     if (explicitForm) {
         window->padLeft = model->getScalar<int32_t>(ins[first]);
         window->padRight = model->getScalar<int32_t>(ins[first + 1]);
         window->padTop = model->getScalar<int32_t>(ins[first + 2]);
         window->padBottom = model->getScalar<int32_t>(ins[first + 3]);
-        window->strideW = model->getScalar<int32_t>(ins[first + 4]);
-        window->strideH = model->getScalar<int32_t>(ins[first + 5]);
-        window->padding = getPadding(inW, inH, window->strideW, window->strideH, window->filterW, window->filterH,
-                                     window->padLeft, window->padRight, window->padTop, window->padBottom);
-        return;
+    } else {
+        code = model->getScalar<int32_t>(ins[first]);
+        if (code == 1) {
+            samePads(getSizeOfDimension(input, 2), window->strideW, window->filterW, &window->padLeft,
+                     &window->padRight);
+            samePads(getSizeOfDimension(input, 1), window->strideH, window->filterH, &window->padTop,
+                     &window->padBottom);
+        }
     }
-    const int32_t code = model->getScalar<int32_t>(ins[first]);
-    window->strideW = model->getScalar<int32_t>(ins[first + 1]);
-    window->strideH = model->getScalar<int32_t>(ins[first + 2]);
-    if (code == 1) {
-        samePads(getSizeOfDimension(input, 2), window->strideW, window->filterW, &window->padLeft, &window->padRight);
-        samePads(getSizeOfDimension(input, 1), window->strideH, window->filterH, &window->padTop, &window->padBottom);
+    // Widened: pads come from the graph and may be anything.
+    const int64_t paddedW = static_cast<int64_t>(getSizeOfDimension(input, 2)) + window->padLeft + window->padRight;
+    const int64_t paddedH = static_cast<int64_t>(getSizeOfDimension(input, 1)) + window->padTop + window->padBottom;
+    // An input dimension of 0 is left to the parameter test (level 2).
+    if (inW != 0) {
+        ZEL_CHECK_LE_IN(at, window->filterW, paddedW, false,
+                        (pooling ? "Window" : "Filter") << " must fit the padded input of " << toString(type));
     }
-    window->padding = getPadding(static_cast<unsigned int>(code));
+    if (inH != 0) {
+        ZEL_CHECK_LE_IN(at, window->filterH, paddedH, false,
+                        (pooling ? "Window" : "Filter") << " must fit the padded input of " << toString(type));
+    }
+    window->padding = explicitForm
+                          ? getPadding(inW, inH, window->strideW, window->strideH, window->filterW, window->filterH,
+                                       window->padLeft, window->padRight, window->padTop, window->padBottom)
+                          : getPadding(static_cast<unsigned int>(code));
+    return true;
 }
 
 }  // namespace
@@ -210,7 +237,42 @@ bool CheckRules::operandsReadable(const Ins& ins, const Ins& outs, ZelModel* mod
             return false;
         }
     }
+    // A tensor input that carries data must hold all of its values: the
+    // runtime takes it as a constant of the declared shape.
+    for (size_t i = 0; i < ins.size(); ++i) {
+        const OperandInfo& operand = model->operands()[ins[i]];
+        if (operand.data == nullptr && operand.length == 0) continue;
+        uint64_t count = 1;
+        for (uint32_t d : operand.originalDimensions) count = d != 0 && count > UINT64_MAX / d ? UINT64_MAX : count * d;
+        const uint64_t element = getSize(operand.type);
+        if (!operand.originalDimensions.empty() && count == 0) {
+            ZEL_LOG_LOCATED_IN(source(),
+                               "Input " << i << " of " << toString(type) << " is constant data with a dimension of 0");
+            return false;
+        }
+        if (element != 0 && count > operand.length / element) {
+            ZEL_LOG_LOCATED_IN(source(), "Input " << i << " of " << toString(type) << " holds " << operand.length
+                                                  << " bytes of constant data, short of " << count << " values");
+            return false;
+        }
+    }
     return model->scalarsHaveData(ins);
+}
+
+// The scalar parameters ins[first .. end) are read as int32 values: an
+// operand of another element type (a float size, say) cannot be lowered,
+// and is refused with one line naming the input.
+bool CheckRules::int32Parameters(ZelModel* model, const Ins& ins, size_t first, size_t end, OperationType type) const {
+    for (size_t i = first; i < end && i < ins.size(); ++i) {
+        const OperandType operandType = model->operands()[ins[i]].type;
+        if (operandType != OperandType::SCALAR_INT32 && operandType != OperandType::SCALAR_UNSIGNED_INT32 &&
+            operandType != OperandType::TENSOR_INT32) {
+            ZEL_LOG_LOCATED_IN(source(), "Input " << i << " of " << toString(type) << " must be an int32 scalar, not "
+                                                  << toString(operandType));
+            return false;
+        }
+    }
+    return true;
 }
 
 // Copies the int32 values of a constant tensor operand (the data may be
@@ -240,8 +302,7 @@ bool CheckRules::copyInt32Data(ZelModel* model, uint32_t index, OperationType ty
 // the code. A float node takes any activation.
 bool CheckRules::activationFusable(ZelModel* model, uint32_t index) const {
     if (!mQuantized) return true;
-    const zel_op_type_enum activation =
-        getQuantizedActivationFunction(static_cast<ActivationFunc>(model->getScalar<int32_t>(index)));
+    const zel_op_type_enum activation = model->getQuantizedActivation(index);
     if (!quant8_asym_check::fusedActivationCheck(activation)) {
         ZEL_LOG_LOCATED_IN(source(), "Fused quantized activation " << toString(activation) << " is not supported");
         return false;
@@ -251,11 +312,52 @@ bool CheckRules::activationFusable(ZelModel* model, uint32_t index) const {
 
 // Shape inference result written into the output operand, with the two
 // shared messages.
-bool CheckRules::storeShape(bool inferred, ZelModel* model, uint32_t out, const Shape& output) const {
+bool CheckRules::storeShape(bool inferred, ZelModel* model, uint32_t out, const Shape& output, const Ins& ins) const {
     if (!inferred) {
         ZEL_LOG_LOCATED_IN(source(), "Error getting shape");
         return false;
     }
+    // The operation is built with its output's declared shape: a declared
+    // shape that is fully known (no dimension left 0) and holds a different
+    // number of values than the inferred one cannot be built.
+    // Inputs with a 0 past the batch are left to the parameter test (level
+    // 2): their inferred sizes mean nothing.
+    for (uint32_t index : ins) {
+        const std::vector<uint32_t>& dims = model->operands()[index].dimensions;
+        if (dims.size() >= 2 && std::find(dims.begin() + 1, dims.end(), 0u) != dims.end())
+            return storeOnly(model, out, output);
+    }
+    // The operation is built with its output's declared type.
+    const OperandType declaredType = model->operands()[out].type;
+    if (declaredType != output.type) {
+        ZEL_LOG_LOCATED_IN(source(), "Output operand " << out << " is declared as " << toString(declaredType)
+                                                       << " where the operation gives " << toString(output.type));
+        return false;
+    }
+    const std::vector<uint32_t>& declared = model->operands()[out].dimensions;
+    uint64_t declaredCount = 1;
+    uint64_t inferredCount = 1;
+    for (uint32_t d : declared)
+        declaredCount = d != 0 && declaredCount > UINT64_MAX / d ? UINT64_MAX : declaredCount * d;
+    for (uint32_t d : output.dimensions) {
+        inferredCount = d != 0 && inferredCount > UINT64_MAX / d ? UINT64_MAX : inferredCount * d;
+    }
+    if (!declared.empty() && declaredCount != 0 && declaredCount != inferredCount) {
+        ZEL_LOG_LOCATED_IN(source(), "Output operand " << out << " is declared with " << declaredCount
+                                                       << " values where the operation gives " << inferredCount);
+        return false;
+    }
+    // The same values in another arrangement of the runtime's four dimensions.
+    if (!declared.empty() && declaredCount != 0 && declared.size() <= 4 && output.dimensions.size() <= 4 &&
+        getAlignedDimensions(declared, 4) != getAlignedDimensions(output.dimensions, 4)) {
+        ZEL_LOG_LOCATED_IN(source(), "Output operand " << out << " is declared with another shape than the "
+                                                       << output.dimensions.size() << "-D shape the operation gives");
+        return false;
+    }
+    return storeOnly(model, out, output);
+}
+
+bool CheckRules::storeOnly(ZelModel* model, uint32_t out, const Shape& output) const {
     if (!model->setShape(out, output)) {
         ZEL_LOG_LOCATED_IN(source(), "Error setting shape");
         return false;
@@ -309,10 +411,12 @@ bool CheckRules::elementWise(const Ins& ins, const Ins& outs, ZelModel* model, O
     ZEL_CHECK_EQ_IN(source(), 3, ins.size(), false, "Need 3 inputs for " << toString(type));
     ZEL_CHECK_EQ_IN(source(), 1, outs.size(), false, "Need 1 output for " << toString(type));
     if (!operandsReadable(ins, outs, model, type)) return false;
+    if (!int32Parameters(model, ins, 2, 3, type)) return false;
 
     if (!activationFusable(model, ins[2])) return false;
     Shape output = model->getShape(outs[0]);
-    return storeShape(addMulPrepare(model->getShape(ins[0]), model->getShape(ins[1]), &output), model, outs[0], output);
+    return storeShape(addMulPrepare(model->getShape(ins[0]), model->getShape(ins[1]), &output), model, outs[0], output,
+                      ins);
 }
 
 bool CheckRules::pool(const Ins& ins, const Ins& outs, ZelModel* model, OperationType type) const {
@@ -324,6 +428,7 @@ bool CheckRules::pool(const Ins& ins, const Ins& outs, ZelModel* model, Operatio
     // The output count is not a rule here; the first output is still needed.
     ZEL_CHECK_LE_IN(source(), 1, outs.size(), false, "Need at least 1 output for " << toString(type));
     if (!operandsReadable(ins, outs, model, type)) return false;
+    if (!int32Parameters(model, ins, 1, ins.size(), type)) return false;
 
     const Shape input = model->getShape(ins[0]);
     Window window;
@@ -331,7 +436,7 @@ bool CheckRules::pool(const Ins& ins, const Ins& outs, ZelModel* model, Operatio
     const size_t filterAt = explicitForm ? 7 : 4;
     window.filterW = model->getScalar<int32_t>(ins[filterAt]);
     window.filterH = model->getScalar<int32_t>(ins[filterAt + 1]);
-    readWindow(model, ins, explicitForm, 1, input, &window);
+    if (!readWindow(source(), model, ins, explicitForm, 1, input, type, true, &window)) return false;
     const padding_type_enum pad = window.padding;
     ZEL_CHECK_NE_IN(source(), pad, ZEL_NN_PAD_NA, false, "Unknown padding");
 
@@ -340,7 +445,7 @@ bool CheckRules::pool(const Ins& ins, const Ins& outs, ZelModel* model, Operatio
     const bool inferred =
         genericPoolingPrepare(input, window.padLeft, window.padRight, window.padTop, window.padBottom, window.strideW,
                               window.strideH, window.filterW, window.filterH, &output);
-    return storeShape(inferred, model, outs[0], output);
+    return storeShape(inferred, model, outs[0], output, ins);
 }
 
 bool CheckRules::activation(const Ins& ins, const Ins& outs, ZelModel* model, uint32_t numInputs,
@@ -350,7 +455,7 @@ bool CheckRules::activation(const Ins& ins, const Ins& outs, ZelModel* model, ui
     if (!operandsReadable(ins, outs, model, type)) return false;
 
     Shape output = model->getShape(outs[0]);
-    return storeShape(genericActivationPrepare(model->getShape(ins[0]), &output), model, outs[0], output);
+    return storeShape(genericActivationPrepare(model->getShape(ins[0]), &output), model, outs[0], output, ins);
 }
 
 bool CheckRules::convolution(const Ins& ins, const Ins& outs, ZelModel* model, OperationType type,
@@ -363,6 +468,7 @@ bool CheckRules::convolution(const Ins& ins, const Ins& outs, ZelModel* model, O
     }
     ZEL_CHECK_EQ_IN(source(), 1, outs.size(), false, "Need 1 output for " << toString(type));
     if (!operandsReadable(ins, outs, model, type)) return false;
+    if (!int32Parameters(model, ins, 3, ins.size(), type)) return false;
 
     const Shape input = model->getShape(ins[0]);
     const Shape filter = model->getShape(ins[1]);
@@ -370,9 +476,19 @@ bool CheckRules::convolution(const Ins& ins, const Ins& outs, ZelModel* model, O
     Window window;
     window.filterW = static_cast<int32_t>(getSizeOfDimension(filter, 2));
     window.filterH = static_cast<int32_t>(getSizeOfDimension(filter, 1));
-    readWindow(model, ins, explicitForm, 3, input, &window);
+    if (!readWindow(source(), model, ins, explicitForm, 3, input, type, false, &window)) return false;
     const padding_type_enum pad = window.padding;
     ZEL_CHECK_NE_IN(source(), pad, ZEL_NN_PAD_NA, false, "Unknown padding");
+
+    if (type == OperationType::DEPTHWISE_CONV_2D) {
+        // The depth multiplier (before the activation) splits the filter's
+        // depth into the input's channels.
+        const int32_t multiplier = model->getScalar<int32_t>(ins[ins.size() - 2]);
+        ZEL_CHECK_LE_IN(source(), 1, multiplier, false, "Depth multiplier must be at least 1 for " << toString(type));
+        const uint64_t inputDepth = getSizeOfDimension(input, 3);
+        ZEL_CHECK_EQ_IN(source(), inputDepth * static_cast<uint64_t>(multiplier), getSizeOfDimension(filter, 3), false,
+                        "Filter depth must be the input depth times the depth multiplier for " << toString(type));
+    }
 
     // The activation is the last input in both forms.
     if (!activationFusable(model, ins.back())) return false;
@@ -384,7 +500,7 @@ bool CheckRules::convolution(const Ins& ins, const Ins& outs, ZelModel* model, O
                           window.strideW, window.strideH, &output)
             : depthwiseConvPrepare(input, filter, bias, window.padLeft, window.padRight, window.padTop,
                                    window.padBottom, window.strideW, window.strideH, &output);
-    if (!storeShape(inferred, model, outs[0], output)) return false;
+    if (!storeShape(inferred, model, outs[0], output, ins)) return false;
     if (!model->isConstant(ins[1])) {
         ZEL_LOG_LOCATED_IN(source(), toString(type) << " requires filter to be constant data");
         return false;
@@ -397,12 +513,13 @@ bool CheckRules::fullyConnected(const Ins& ins, const Ins& outs, ZelModel* model
     ZEL_CHECK_EQ_IN(source(), 4, ins.size(), false, "Need 4 inputs for " << toString(type));
     ZEL_CHECK_EQ_IN(source(), 1, outs.size(), false, "Need 1 output for " << toString(type));
     if (!operandsReadable(ins, outs, model, type)) return false;
+    if (!int32Parameters(model, ins, 3, 4, type)) return false;
 
     if (!activationFusable(model, ins[3])) return false;
     Shape output = model->getShape(outs[0]);
     const bool inferred =
         fullyConnectedPrepare(model->getShape(ins[0]), model->getShape(ins[1]), model->getShape(ins[2]), &output);
-    if (!storeShape(inferred, model, outs[0], output)) return false;
+    if (!storeShape(inferred, model, outs[0], output, ins)) return false;
     if (!model->isConstant(ins[1])) {
         ZEL_LOG_LOCATED_IN(source(), toString(type) << " requires weight to be constant data");
         return false;
@@ -415,6 +532,7 @@ bool CheckRules::concatenation(const Ins& ins, const Ins& outs, ZelModel* model)
     ZEL_CHECK_LE_IN(source(), 3, ins.size(), false, "Need at least 3 inputs for " << toString(type));
     ZEL_CHECK_EQ_IN(source(), 1, outs.size(), false, "Need 1 output for " << toString(type));
     if (!operandsReadable(ins, outs, model, type)) return false;
+    if (!int32Parameters(model, ins, ins.size() - 1, ins.size(), type)) return false;
 
     // The runtime concatenates quantized tensors on the channel axis only;
     // float graphs take any axis that shape inference accepts.
@@ -426,7 +544,7 @@ bool CheckRules::concatenation(const Ins& ins, const Ins& outs, ZelModel* model)
     std::vector<Shape> shapes;
     for (size_t i = 0; i + 1 < ins.size(); ++i) shapes.push_back(model->getShape(ins[i]));
     Shape output = model->getShape(outs[0]);
-    return storeShape(concatenationPrepare(shapes, axis, &output), model, outs[0], output);
+    return storeShape(concatenationPrepare(shapes, axis, &output), model, outs[0], output, ins);
 }
 
 bool CheckRules::reshape(const Ins& ins, const Ins& outs, ZelModel* model) const {
@@ -445,7 +563,7 @@ bool CheckRules::reshape(const Ins& ins, const Ins& outs, ZelModel* model) const
 
     Shape output = model->getShape(outs[0]);
     const bool inferred = reshapePrepare(model->getShape(ins[0]), target.data(), static_cast<int32_t>(count), &output);
-    return storeShape(inferred, model, outs[0], output);
+    return storeShape(inferred, model, outs[0], output, ins);
 }
 
 bool CheckRules::resizeBilinear(const Ins& ins, const Ins& outs, ZelModel* model) const {
@@ -454,10 +572,16 @@ bool CheckRules::resizeBilinear(const Ins& ins, const Ins& outs, ZelModel* model
     ZEL_CHECK_EQ_IN(source(), 1, outs.size(), false, "Need 1 output for " << toString(type));
     if (!operandsReadable(ins, outs, model, type)) return false;
 
+    if (!int32Parameters(model, ins, 1, 3, type)) return false;
+
+    // A target size below 1 leaves nothing to resize to.
     const int32_t width = model->getScalar<int32_t>(ins[1]);
     const int32_t height = model->getScalar<int32_t>(ins[2]);
+    ZEL_CHECK_LE_IN(source(), 1, width, false, "Target width must be at least 1 for " << toString(type));
+    ZEL_CHECK_LE_IN(source(), 1, height, false, "Target height must be at least 1 for " << toString(type));
     Shape output = model->getShape(outs[0]);
-    return storeShape(resizeBilinearPrepare(model->getShape(ins[0]), width, height, &output), model, outs[0], output);
+    return storeShape(resizeBilinearPrepare(model->getShape(ins[0]), width, height, &output), model, outs[0], output,
+                      ins);
 }
 
 bool CheckRules::dequantize(const Ins& ins, const Ins& outs, ZelModel* model) const {
@@ -467,7 +591,7 @@ bool CheckRules::dequantize(const Ins& ins, const Ins& outs, ZelModel* model) co
     if (!operandsReadable(ins, outs, model, type)) return false;
 
     Shape output = model->getShape(outs[0]);
-    return storeShape(dequantizePrepare(model->getShape(ins[0]), &output), model, outs[0], output);
+    return storeShape(dequantizePrepare(model->getShape(ins[0]), &output), model, outs[0], output, ins);
 }
 
 bool CheckRules::localResponseNormalization(const Ins& ins, const Ins& outs, ZelModel* model) const {
@@ -477,7 +601,7 @@ bool CheckRules::localResponseNormalization(const Ins& ins, const Ins& outs, Zel
     if (!operandsReadable(ins, outs, model, type)) return false;
 
     Shape output = model->getShape(outs[0]);
-    return storeShape(genericNormalizationPrepare(model->getShape(ins[0]), &output), model, outs[0], output);
+    return storeShape(genericNormalizationPrepare(model->getShape(ins[0]), &output), model, outs[0], output, ins);
 }
 
 bool CheckRules::squeeze(const Ins& ins, const Ins& outs, ZelModel* model) const {
@@ -521,7 +645,7 @@ bool CheckRules::squeeze(const Ins& ins, const Ins& outs, ZelModel* model) const
         }
     }
     Shape output = model->getShape(outs[0]);
-    return storeShape(squeezePrepare(input, dims.data(), dimsShape, &output), model, outs[0], output);
+    return storeShape(squeezePrepare(input, dims.data(), dimsShape, &output), model, outs[0], output, ins);
 }
 
 bool CheckRules::pad(const Ins& ins, const Ins& outs, ZelModel* model) const {
@@ -566,7 +690,7 @@ bool CheckRules::pad(const Ins& ins, const Ins& outs, ZelModel* model) const {
             }
         }
     }
-    return storeShape(true, model, outs[0], output);
+    return storeShape(true, model, outs[0], output, ins);
 }
 
 bool CheckRules::transpose(const Ins& ins, const Ins& outs, ZelModel* model) const {
@@ -614,7 +738,7 @@ bool CheckRules::transpose(const Ins& ins, const Ins& outs, ZelModel* model) con
             return false;
         }
     }
-    return storeShape(true, model, outs[0], output);
+    return storeShape(true, model, outs[0], output, ins);
 }
 
 bool CheckRules::spaceToDepth(const Ins& ins, const Ins& outs, ZelModel* model) const {
@@ -625,7 +749,7 @@ bool CheckRules::spaceToDepth(const Ins& ins, const Ins& outs, ZelModel* model) 
 
     const int32_t blockSize = model->getScalar<int32_t>(ins[1]);
     Shape output = model->getShape(outs[0]);
-    return storeShape(spaceToDepthPrepare(model->getShape(ins[0]), blockSize, &output), model, outs[0], output);
+    return storeShape(spaceToDepthPrepare(model->getShape(ins[0]), blockSize, &output), model, outs[0], output, ins);
 }
 
 bool CheckRules::batchToSpace(const Ins& ins, const Ins& outs, ZelModel* model) const {
@@ -634,7 +758,7 @@ bool CheckRules::batchToSpace(const Ins& ins, const Ins& outs, ZelModel* model) 
 
     Shape output = model->getShape(outs[0]);
     const bool inferred = batchToSpacePrepare(operands.input, operands.block.data(), operands.blockShape, &output);
-    return storeShape(inferred, model, outs[0], output);
+    return storeShape(inferred, model, outs[0], output, ins);
 }
 
 bool CheckRules::spaceToBatch(const Ins& ins, const Ins& outs, ZelModel* model) const {
@@ -653,7 +777,7 @@ bool CheckRules::spaceToBatch(const Ins& ins, const Ins& outs, ZelModel* model) 
     Shape output = model->getShape(outs[0]);
     const bool inferred = spaceToBatchPrepare(operands.input, operands.block.data(), operands.blockShape,
                                               paddings.data(), paddingShape, &output);
-    return storeShape(inferred, model, outs[0], output);
+    return storeShape(inferred, model, outs[0], output, ins);
 }
 
 bool CheckRules::oemLstm(const Ins& ins, const Ins& outs, ZelModel* model) const {
@@ -702,57 +826,69 @@ bool fusedActivationCheck(zel_op_type_enum code) {
     }
 }
 
+bool elementWiseOpCheck(const Ins& ins, const Ins& outs, ZelModel* model, OperationType type) {
+    return kQuant8Rules.elementWise(ins, outs, model, type);
+}
+
+bool pool(const Ins& ins, const Ins& outs, ZelModel* model, OperationType type) {
+    return kQuant8Rules.pool(ins, outs, model, type);
+}
+
+bool activation(const Ins& ins, const Ins& outs, ZelModel* model, uint32_t numInputs, OperationType type) {
+    return kQuant8Rules.activation(ins, outs, model, numInputs, type);
+}
+
 bool add(const Ins& ins, const Ins& outs, ZelModel* model) {
-    return kQuant8Rules.elementWise(ins, outs, model, OperationType::ADD);
+    return elementWiseOpCheck(ins, outs, model, OperationType::ADD);
 }
 
 bool sub(const Ins& ins, const Ins& outs, ZelModel* model) {
-    return kQuant8Rules.elementWise(ins, outs, model, OperationType::SUB);
+    return elementWiseOpCheck(ins, outs, model, OperationType::SUB);
 }
 
 bool mul(const Ins& ins, const Ins& outs, ZelModel* model) {
-    return kQuant8Rules.elementWise(ins, outs, model, OperationType::MUL);
+    return elementWiseOpCheck(ins, outs, model, OperationType::MUL);
 }
 
 bool average_pool_2d(const Ins& ins, const Ins& outs, ZelModel* model) {
-    return kQuant8Rules.pool(ins, outs, model, OperationType::AVERAGE_POOL_2D);
+    return pool(ins, outs, model, OperationType::AVERAGE_POOL_2D);
 }
 
 bool l2_pool_2d(const Ins& ins, const Ins& outs, ZelModel* model) {
-    return kQuant8Rules.pool(ins, outs, model, OperationType::L2_POOL_2D);
+    return pool(ins, outs, model, OperationType::L2_POOL_2D);
 }
 
 bool max_pool_2d(const Ins& ins, const Ins& outs, ZelModel* model) {
-    return kQuant8Rules.pool(ins, outs, model, OperationType::MAX_POOL_2D);
+    return pool(ins, outs, model, OperationType::MAX_POOL_2D);
 }
 
 bool logistic(const Ins& ins, const Ins& outs, ZelModel* model) {
-    return kQuant8Rules.activation(ins, outs, model, 1, OperationType::LOGISTIC);
+    return activation(ins, outs, model, 1, OperationType::LOGISTIC);
 }
 
 bool relu(const Ins& ins, const Ins& outs, ZelModel* model) {
-    return kQuant8Rules.activation(ins, outs, model, 1, OperationType::RELU);
+    return activation(ins, outs, model, 1, OperationType::RELU);
 }
 
 bool relu1(const Ins& ins, const Ins& outs, ZelModel* model) {
-    return kQuant8Rules.activation(ins, outs, model, 1, OperationType::RELU1);
+    return activation(ins, outs, model, 1, OperationType::RELU1);
 }
 
 bool relu6(const Ins& ins, const Ins& outs, ZelModel* model) {
-    return kQuant8Rules.activation(ins, outs, model, 1, OperationType::RELU6);
+    return activation(ins, outs, model, 1, OperationType::RELU6);
 }
 
 bool prelu(const Ins& ins, const Ins& outs, ZelModel* model) {
     // The alpha input is counted, not examined.
-    return kQuant8Rules.activation(ins, outs, model, 2, OperationType::PRELU);
+    return activation(ins, outs, model, 2, OperationType::PRELU);
 }
 
 bool softmax(const Ins& ins, const Ins& outs, ZelModel* model) {
-    return kQuant8Rules.activation(ins, outs, model, 2, OperationType::SOFTMAX);
+    return activation(ins, outs, model, 2, OperationType::SOFTMAX);
 }
 
 bool tanh(const Ins& ins, const Ins& outs, ZelModel* model) {
-    return kQuant8Rules.activation(ins, outs, model, 1, OperationType::TANH);
+    return activation(ins, outs, model, 1, OperationType::TANH);
 }
 
 bool concatenation(const Ins& ins, const Ins& outs, ZelModel* model) {

@@ -163,9 +163,12 @@ bool concatenation(const Ins& ins, const Ins& outs, ZelModel* model) {
         return false;
     }
     const size_t count = ins.size() - 1;
-    const int32_t axis = scalar(model, ins[count]);
-    const int32_t rank = static_cast<int32_t>(model->getShape(ins[0]).dimensions.size());
-    Inputs inputs = {int32Constant(model, 1, 1, 1, 1, {axis + 4 - rank})};
+    int32_t runtimeAxis = 0;
+    if (!toRuntimeAxis(scalar(model, ins[count]), model->getShape(ins[0]).dimensions.size(), &runtimeAxis)) {
+        ZEL_LOG_LOCATED("Concatenation axis " << scalar(model, ins[count]) << " is outside the input's rank");
+        return false;
+    }
+    Inputs inputs = {int32Constant(model, 1, 1, 1, 1, {runtimeAxis})};
     for (size_t i = 0; i < count; ++i) inputs.push_back(model->getTensor(ins[i]));
     return model->addBasicOperation(ZEL_OP_FloatConcat, 0, inputs, outs);
 }

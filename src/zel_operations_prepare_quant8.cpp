@@ -39,6 +39,12 @@ int32_t scalar(ZelModel* model, uint32_t index) {
     return model->getScalar<int32_t>(index);
 }
 
+bool toRuntimeAxis(int32_t axis, size_t rank, int32_t* runtimeAxis) {
+    if (rank > 4 || axis < 0 || static_cast<size_t>(axis) >= rank) return false;
+    *runtimeAxis = axis + 4 - static_cast<int32_t>(rank);
+    return true;
+}
+
 input floatConstant(ZelModel* model, float value) {
     uint8_t bytes[sizeof(float)];
     std::memcpy(bytes, &value, sizeof(bytes));
@@ -390,9 +396,12 @@ bool concatenation(const Ins& ins, const Ins& outs, ZelModel* model) {
         maxs.push_back(model->getQuantizationMax(ins[i]));
     }
     handle_debug_info("Creating dimension tensor ...");
-    const int32_t axis = scalar(model, ins[count]);
-    const int32_t rank = static_cast<int32_t>(model->getShape(ins[0]).dimensions.size());
-    const input dim = int32Constant(model, 1, 1, 1, 1, {axis + 4 - rank});
+    int32_t runtimeAxis = 0;
+    if (!toRuntimeAxis(scalar(model, ins[count]), model->getShape(ins[0]).dimensions.size(), &runtimeAxis)) {
+        ZEL_LOG_LOCATED("Concatenation axis " << scalar(model, ins[count]) << " is outside the input's rank");
+        return false;
+    }
+    const input dim = int32Constant(model, 1, 1, 1, 1, {runtimeAxis});
 
     Inputs inputs = {dim};
     inputs.insert(inputs.end(), values.begin(), values.end());
@@ -576,8 +585,12 @@ bool oemSplit(const Ins& ins, const Ins& outs, ZelModel* model) {
         return false;
     }
     ZEL_CHECK_EQ((size_t)model->getScalar<int32_t>(ins[2]), outs.size(), false, "Number of outputs is incorrect");
-    const int32_t rank = static_cast<int32_t>(model->getShape(ins[1]).dimensions.size());
-    const input splitDim = int32Constant(model, 1, 1, 1, 1, {scalar(model, ins[0]) + 4 - rank});
+    int32_t runtimeAxis = 0;
+    if (!toRuntimeAxis(scalar(model, ins[0]), model->getShape(ins[1]).dimensions.size(), &runtimeAxis)) {
+        ZEL_LOG_LOCATED("Split axis " << scalar(model, ins[0]) << " is outside the input's rank");
+        return false;
+    }
+    const input splitDim = int32Constant(model, 1, 1, 1, 1, {runtimeAxis});
     Inputs inputs = {splitDim};
     const Inputs data = withRange(model, ins[1]);
     inputs.insert(inputs.end(), data.begin(), data.end());

@@ -204,7 +204,11 @@ void logFailedCondition(const char* condition) {
 uint32_t windowOutputSize(uint32_t in, int32_t padHead, int32_t padTail, int32_t stride, uint32_t filter) {
     const uint32_t step = static_cast<uint32_t>(stride);
     if (step == 0) return 0;
-    return (in + static_cast<uint32_t>(padHead) + static_cast<uint32_t>(padTail) + step - filter) / step;
+    // The 32-bit sum wraps: it is taken in 64 bits (2^32 added so that the
+    // subtraction stays positive) and its low 32 bits kept.
+    const uint64_t sum = uint64_t{in} + static_cast<uint32_t>(padHead) + static_cast<uint32_t>(padTail) + step +
+                         (uint64_t{1} << 32) - filter;
+    return static_cast<uint32_t>(sum) / step;
 }
 
 // Element counts above 2^32 cannot match any real tensor; products are
@@ -223,14 +227,15 @@ int64_t mulElementCount(int64_t count, int64_t value) {
 // Same-padding halves of one axis: out = ceil(in / stride), the window's
 // overhang split with the larger half at the tail. 32-bit signed arithmetic
 // that wraps (done in unsigned); a zero stride gives out = 0.
+// The exact result is taken in 64 bits and its low 32 bits kept.
 int32_t wrapAdd(int32_t a, int32_t b) {
-    return static_cast<int32_t>(static_cast<uint32_t>(a) + static_cast<uint32_t>(b));
+    return static_cast<int32_t>(static_cast<uint32_t>(static_cast<int64_t>(a) + b));
 }
 int32_t wrapSub(int32_t a, int32_t b) {
-    return static_cast<int32_t>(static_cast<uint32_t>(a) - static_cast<uint32_t>(b));
+    return static_cast<int32_t>(static_cast<uint32_t>(static_cast<int64_t>(a) - b));
 }
 int32_t wrapMul(int32_t a, int32_t b) {
-    return static_cast<int32_t>(static_cast<uint32_t>(a) * static_cast<uint32_t>(b));
+    return static_cast<int32_t>(static_cast<uint32_t>(static_cast<int64_t>(a) * b));
 }
 int32_t wrapDiv(int32_t a, int32_t b) {
     if (b == 0) return 0;

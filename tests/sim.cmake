@@ -34,5 +34,5 @@ zel_add_gtest(sim_same_bytes_test
 target_include_directories(sim_same_bytes_test PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/reliability)
 # 64-bit directory offsets: 32-bit readdir fails with EOVERFLOW on large
 # file systems (as under qemu-arm).
-target_compile_definitions(sim_same_bytes_test PRIVATE ZEL_CONFORMANCE_DIR="${CMAKE_SOURCE_DIR}/../shared/conformance"
+target_compile_definitions(sim_same_bytes_test PRIVATE ZEL_CONFORMANCE_DIR="${PROJECT_SOURCE_DIR}/tests/conformance"
                            _FILE_OFFSET_BITS=64)

@@ -248,7 +248,7 @@ std::vector<Rule> rules() {
                {"NN_CHECK failed: axis < (int32_t)num_dimensions", kShape}),
         refuse("ReshapeTargetWithoutData", kQ8, OT::RESHAPE, notConstant(1), {"pointer value is currently nullptr"}),
         refuse("ReshapeTargetShorterThanShape", kQ8, OT::RESHAPE, dims(1, {3}),
-               {"RESHAPE requires operand 1 to hold 3 int32 values of constant data (8 bytes)"}),
+               {"Input 1 of RESHAPE holds 8 bytes of constant data, short of 3 values"}),
         refuse("SqueezeRank5", kQ8, OT::SQUEEZE, dims(0, {1, 2, 1, 3, 1}), {"Input operand rank must be at most 4D"}),
         refuse("SqueezeIndexRank2", kQ8, OT::SQUEEZE, dims(1, {1, 1}),
                {"Invalid squeeze index tensor rank. Expected rank 1 but got 2"}),

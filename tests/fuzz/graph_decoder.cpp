@@ -91,15 +91,18 @@ std::unique_ptr<HostGraph> decodeGraph(const uint8_t* data, size_t size) {
     return graph;
 }
 
-void exerciseGraph(HostGraph& graph) {
+Outcome exerciseGraph(HostGraph& graph) {
     // One accelerator for the whole process: releasing it would reload the
     // runtime on every input.
     static arv::nnhal::IAccelerator* accelerator = CreateAccelerator_zel(nullptr);
     arv::nnhal::host::HostSupportQuery query(graph.getOperationCount());
     accelerator->isGraphSupported(&graph, &query);
+    Outcome outcome;
+    outcome.levels = query.levels();
     arv::nnhal::host::HostExecutorContext context;
     const auto result = accelerator->createGraphExecutor(&graph, &context);
-    if (result.executor == nullptr) return;
+    outcome.created = result.status;
+    if (result.executor == nullptr) return outcome;
     std::vector<std::vector<uint8_t>> buffers;
     auto bind = [&](uint32_t count, bool isInput) {
         for (uint32_t p = 0; p < count; ++p) {
@@ -126,6 +129,140 @@ void exerciseGraph(HostGraph& graph) {
     result.executor->execute();
     graph.setExecuting(false);
     result.executor->release();
+    return outcome;
+}
+
+namespace {
+
+// The runtime takes a graph input or output as a tensor of rank 1 to 4
+// with elements of a known type.
+bool boundaryTensor(HostGraph& graph, uint32_t index) {
+    if (index >= graph.getOperandCount()) return false;
+    const auto& operand = graph.operand(index);
+    switch (operand.mType) {
+        case OperandType::TENSOR_FP32:
+        case OperandType::TENSOR_INT32:
+        case OperandType::TENSOR_QUANT8: break;
+        default: return false;
+    }
+    return !operand.mDims.empty() && operand.mDims.size() <= 4;
+}
+
+// True when operand `b` broadcasts against operand `a` (sizes aligned from
+// the last, each pair equal or one of them 1, at most 4 dimensions).
+bool broadcasts(HostGraph& graph, uint32_t a, uint32_t b) {
+    if (a >= graph.getOperandCount() || b >= graph.getOperandCount()) return false;
+    const auto& da = graph.operand(a).mDims;
+    const auto& db = graph.operand(b).mDims;
+    if (da.size() > 4 || db.size() > 4) return false;
+    for (size_t i = 1; i <= std::min(da.size(), db.size()); ++i) {
+        const uint32_t x = da[da.size() - i];
+        const uint32_t y = db[db.size() - i];
+        if (x != y && x != 1 && y != 1) return false;
+    }
+    return true;
+}
+
+// One of the known gaps between query and preparation (README, support
+// section): shapes the per-operation query does not look at and that
+// preparation refuses.
+bool knownGap(HostGraph& graph) {
+    if (graph.getOperationCount() == 0) return true;
+    std::vector<bool> written(graph.getOperandCount(), false);
+    for (uint32_t i = 0; i < graph.getOperationCount(); ++i) {
+        const auto& operation = graph.operation(i);
+        const bool pooling =
+            operation.mType == OperationType::AVERAGE_POOL_2D || operation.mType == OperationType::MAX_POOL_2D;
+        // A pooling operation with more than one output.
+        if (pooling && operation.mOutputs.size() > 1) return true;
+        // A PRELU whose alpha does not broadcast against its input: the
+        // alpha is counted, not examined.
+        if (operation.mType == OperationType::PRELU && operation.mInputs.size() == 2 &&
+            !broadcasts(graph, operation.mInputs[0], operation.mInputs[1])) {
+            return true;
+        }
+        // An operation reading a value that is neither a graph input nor a
+        // constant and that no earlier operation writes.
+        // An operand of the operation declared with a dimension of 0: a
+        // batch of 0 (which the query accepts) or an output to be inferred
+        // (which it does not look at).
+        for (const auto* list : {&operation.mInputs, &operation.mOutputs}) {
+            for (uint32_t index : *list) {
+                if (index >= written.size()) continue;
+                const auto& dims = graph.operand(index).mDims;
+                if (std::find(dims.begin(), dims.end(), 0u) != dims.end()) return true;
+            }
+        }
+        for (uint32_t in : operation.mInputs) {
+            if (in >= written.size()) continue;
+            const Lifetime lifetime = graph.operand(in).mLifetime;
+            if (lifetime != Lifetime::Input && lifetime != Lifetime::Constant && !written[in]) return true;
+        }
+        // An operation writing a graph input, a constant, or a value another
+        // operation writes.
+        for (uint32_t out : operation.mOutputs) {
+            if (out >= written.size()) continue;
+            const Lifetime lifetime = graph.operand(out).mLifetime;
+            if (lifetime == Lifetime::Input || lifetime == Lifetime::Constant || written[out]) return true;
+            // An output of rank 0 (to be inferred).
+            if (graph.operand(out).mDims.empty()) return true;
+            written[out] = true;
+        }
+    }
+    // A constant read as the weights or filter of an operation (input 1 of
+    // CONV_2D, DEPTHWISE_CONV_2D, FULLY_CONNECTED) and also read elsewhere:
+    // preparation rearranges it once, for the weights.
+    std::vector<int> reads(graph.getOperandCount(), 0);
+    std::vector<bool> weights(graph.getOperandCount(), false);
+    for (uint32_t i = 0; i < graph.getOperationCount(); ++i) {
+        const auto& operation = graph.operation(i);
+        for (uint32_t in : operation.mInputs) {
+            if (in < reads.size()) ++reads[in];
+        }
+        const bool weighted = operation.mType == OperationType::CONV_2D ||
+                              operation.mType == OperationType::DEPTHWISE_CONV_2D ||
+                              operation.mType == OperationType::FULLY_CONNECTED;
+        if (weighted && operation.mInputs.size() > 1 && operation.mInputs[1] < weights.size()) {
+            weights[operation.mInputs[1]] = true;
+        }
+    }
+    for (uint32_t i = 0; i < graph.getOperandCount(); ++i) {
+        if (weights[i] && reads[i] > 1) return true;
+    }
+    for (uint32_t i = 0; i < graph.getOperandCount(); ++i) {
+        // An operand of a type outside the host framework's types.
+        const auto& operand = graph.operand(i);
+        const int32_t type = static_cast<int32_t>(operand.mType);
+        if ((type < 0 || type > 5) && type != 10000 && type != 10001) return true;
+        // A constant without all of its bytes, or of rank above 4: the query
+        // cannot tell it from a value another operation writes.
+        uint64_t bytes = elementBytes(operand.mType);
+        for (uint32_t d : operand.mDims) bytes *= d;
+        if (operand.mLifetime == Lifetime::Constant && (operand.mData.size() < bytes || operand.mDims.size() > 4)) {
+            return true;
+        }
+    }
+    for (uint32_t p = 0; p < graph.getInputCount(); ++p) {
+        // A graph input that is no tensor of rank 1 to 4 (or names no operand).
+        if (!boundaryTensor(graph, graph.getInput(p))) return true;
+    }
+    for (uint32_t p = 0; p < graph.getOutputCount(); ++p) {
+        const uint32_t index = graph.getOutput(p);
+        // A graph output that is no such tensor, or that no operation writes.
+        if (!boundaryTensor(graph, index) || !written[index]) return true;
+    }
+    return false;
+}
+
+}  // namespace
+
+std::string brokenPromise(HostGraph& graph, const Outcome& outcome) {
+    if (outcome.created != arv::nnhal::Status::GENERAL_FAILURE) return "";
+    for (int level : outcome.levels) {
+        if (level != 0) return "";
+    }
+    if (knownGap(graph)) return "";
+    return "every operation was reported supported, yet createGraphExecutor failed with status 1";
 }
 
 }  // namespace zelfuzz

@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "zelhost/host_graph.h"
@@ -22,8 +23,21 @@ extern const std::vector<int32_t> kZeroPoints;
 // Always returns a graph (possibly empty or malformed on purpose).
 std::unique_ptr<arv::nnhal::host::HostGraph> decodeGraph(const uint8_t* data, size_t size);
 
+// What one graph got from the plug-in.
+struct Outcome {
+    std::vector<int> levels;  // support level per operation
+    arv::nnhal::Status created = arv::nnhal::Status::SUCCESS;
+};
+
 // Runs support query, executor creation and (when an executor is built) one
 // execution on zero-filled buffers through the plug-in's accelerator.
-void exerciseGraph(arv::nnhal::host::HostGraph& graph);
+Outcome exerciseGraph(arv::nnhal::host::HostGraph& graph);
+
+// The promise of the support answer: a graph whose every operation was
+// reported supported (0) gets an executor, unless its shape is one of the
+// known gaps between query and preparation (listed in the README). Returns
+// "" when the promise holds, else what broke it. Call it only when the
+// runtime injects no fault.
+std::string brokenPromise(arv::nnhal::host::HostGraph& graph, const Outcome& outcome);
 
 }  // namespace zelfuzz

@@ -246,12 +246,12 @@ INSTANTIATE_TEST_SUITE_P(Rows, MalformedGraph, ::testing::ValuesIn(std::vector<M
     {"relu without outputs", [](HostGraph& g) { g.operation(kRelu).mOutputs.clear(); }, {0, 1}, 1,
      "failed 1 == outs.size() (0 == 1): Need 1 output for quant8_asym::relu"},
     // Constant data.
-    {"filter data one byte short", [](HostGraph& g) { g.operand(kFilter).mData.pop_back(); }, {0, 0}, 1,
+    {"filter data one byte short", [](HostGraph& g) { g.operand(kFilter).mData.pop_back(); }, {1, 0}, 1,
      "Operand 1 holds 15 bytes of data, but its dimensions need 16"},
-    // The runtime judges constant bytes itself: 4 bytes pass as a shape-only
-    // constant, and the bias node is then refused.
+    // Refused at the query; preparation, asked all the same, refuses the
+    // bias node.
     {"bias data one value short", [](HostGraph& g) { g.operand(kBias).mData.resize(4); },
-     {0, 0}, 1, "Error adding bias operation"},
+     {1, 0}, 1, "Error adding bias operation"},
     {"bias data absent", [](HostGraph& g) { dropData(g.operand(kBias)); }, {0, 0}, 1, kRuntimeRefusedConstant},
     {"stride without data", [](HostGraph& g) { dropData(g.operand(kStrideH)); },
      {1, 0}, 1, "Scalar operand 5 has no data"},
@@ -261,8 +261,10 @@ INSTANTIATE_TEST_SUITE_P(Rows, MalformedGraph, ::testing::ValuesIn(std::vector<M
      {1, 0}, 1, kFiveDimensions},
     {"output with five dimensions", [](HostGraph& g) { setDims(g.operand(kOutput), {1, 1, 3, 3, 2}); },
      {0, 1}, 1, kFiveDimensions},
-    {"input height 0", [](HostGraph& g) { setDims(g.operand(kInput), {1, 0, 4, 2}); }, {2, 0}, 1, kRuntimeRefusedNode},
-    {"input of 2^32 elements", [](HostGraph& g) { setDims(g.operand(kInput), {1, 65536, 65536, 2}); }, {0, 0}, 1,
+    // The convolution's inferred shape means nothing; the next operation's
+    // declared output then disagrees with it.
+    {"input height 0", [](HostGraph& g) { setDims(g.operand(kInput), {1, 0, 4, 2}); }, {2, 1}, 1, kRuntimeRefusedNode},
+    {"input of 2^32 elements", [](HostGraph& g) { setDims(g.operand(kInput), {1, 65536, 65536, 2}); }, {1, 0}, 1,
      "Error adding input operation"},
     // Graph structure.
     {"operations not in topological order",
@@ -295,23 +297,21 @@ TEST_P(MalformedParameters, AreAnsweredWithoutHarm) {
 
 // Levels of the eight demo operations.
 const std::vector<int> kAll0 = {0, 0, 0, 0, 0, 0, 0, 0};
-// A stride of 0 or below gives empty outputs: the convolution passes, the
-// operations after it see a zero dimension.
-const std::vector<int> kEmptyAfterConv = {0, 2, 2, 2, 2, 2, 2, 0};
 const std::vector<int> kConvRefused = {1, 0, 0, 0, 0, 0, 0, 0};
-// A pooling window that changes the shape makes ADD and CONCATENATION of
-// the two pooled values disagree.
-const std::vector<int> kPoolsDisagree = {0, 0, 0, 0, 1, 1, 0, 0};
+const std::vector<int> kDepthwiseRefused = {0, 1, 0, 0, 0, 0, 0, 0};
+const std::vector<int> kMaxPoolRefused = {0, 0, 1, 0, 0, 0, 0, 0};
+const std::vector<int> kAvgPoolRefused = {0, 0, 0, 1, 0, 0, 0, 0};
 const std::vector<int> kAddRefused = {0, 0, 0, 0, 1, 0, 0, 0};
 const std::vector<int> kFcRefused = {0, 0, 0, 0, 0, 0, 1, 0};
 
 // clang-format off
 INSTANTIATE_TEST_SUITE_P(Rows, MalformedParameters, ::testing::ValuesIn(std::vector<Mutation>{
     {"unchanged", [](HostGraph&) {}, kAll0, 0, ""},
-    {"conv stride 0", [](HostGraph& g) { setScalar(g, kDemoConv, 4, 0); }, kEmptyAfterConv, 1, kRuntimeRefusedNode},
-    // The stride goes to the runtime as a shape constant of 2^32 - 1.
+    // Refused at the query; preparation, asked all the same, passes the
+    // stride to the runtime (as a shape constant of 2^32 - 1 for -1).
+    {"conv stride 0", [](HostGraph& g) { setScalar(g, kDemoConv, 4, 0); }, kConvRefused, 1, kRuntimeRefusedNode},
     {"conv stride -1", [](HostGraph& g) { setScalar(g, kDemoConv, 5, -1); },
-     kEmptyAfterConv, 1, kRuntimeRefusedConstant},
+     kConvRefused, 1, kRuntimeRefusedConstant},
     {"conv padding code 7", [](HostGraph& g) { setScalar(g, kDemoConv, 3, 7); }, kConvRefused, 1, kUnknownPadding},
     // Unknown activation codes mean no activation.
     {"conv activation code 9", [](HostGraph& g) { setScalar(g, kDemoConv, 6, 9); }, kAll0, 0, ""},
@@ -320,20 +320,20 @@ INSTANTIATE_TEST_SUITE_P(Rows, MalformedParameters, ::testing::ValuesIn(std::vec
     {"conv explicit pads -2^31", [](HostGraph& g) { explicitConv(g, INT32_MIN, 0, INT32_MIN, 0, 1); }, kConvRefused, 1,
      kUnknownPadding},
     {"conv explicit stride 0", [](HostGraph& g) { explicitConv(g, 1, 1, 1, 1, 0); }, kConvRefused, 1, kUnknownPadding},
-    // The multiplier is not a rule of the check; the runtime refuses the
-    // filter whose dimensions it produces.
+    // Refused at the query; preparation, asked all the same, leaves the
+    // runtime to refuse the filter whose dimensions the multiplier produces.
     {"depthwise multiplier 0", [](HostGraph& g) { setScalar(g, kDemoDepthwise, 6, 0); },
-     kAll0, 1, kRuntimeRefusedConstant},
+     kDepthwiseRefused, 1, kRuntimeRefusedConstant},
     {"depthwise multiplier -1", [](HostGraph& g) { setScalar(g, kDemoDepthwise, 6, -1); },
-     kAll0, 1, kRuntimeRefusedConstant},
+     kDepthwiseRefused, 1, kRuntimeRefusedConstant},
     {"max pool window 0", [](HostGraph& g) { setScalar(g, kDemoMaxPool, 4, 0); },
-     kPoolsDisagree, 1, kRuntimeRefusedNode},
+     kMaxPoolRefused, 1, kRuntimeRefusedNode},
     {"max pool window -3", [](HostGraph& g) { setScalar(g, kDemoMaxPool, 5, -3); },
-     kPoolsDisagree, 1, kRuntimeRefusedConstant},
+     kMaxPoolRefused, 1, kRuntimeRefusedConstant},
     {"average pool stride 0", [](HostGraph& g) { setScalar(g, kDemoAvgPool, 2, 0); },
-     kAddRefused, 1, kRuntimeRefusedNode},
+     kAvgPoolRefused, 1, kRuntimeRefusedNode},
     {"concatenation axis 7", [](HostGraph& g) { setScalar(g, kDemoConcat, 2, 7); }, {0, 0, 0, 0, 0, 1, 0, 0}, 1,
-     kRuntimeRefusedNode},
+     "Concatenation axis 7 is outside the input's rank"},
     {"add of mismatched shapes", [](HostGraph& g) { g.operation(kDemoAdd).mInputs[1] = 12; },
      kAddRefused, 1, kRuntimeRefusedNode},
     {"fully connected weights [10, 255]",
@@ -343,12 +343,12 @@ INSTANTIATE_TEST_SUITE_P(Rows, MalformedParameters, ::testing::ValuesIn(std::vec
      kFcRefused, 1, "failed 0 != node (0 != 0): Error adding bias operation"},
     {"relu6 of a bias tensor", [](HostGraph& g) { g.operation(kDemoRelu6).mInputs[0] = 19; },
      {0, 0, 0, 0, 0, 0, 0, 1}, 1, kNotFound},
-    // Output sizes wrap like the dimensions they come from; sizes are
-    // counted in 64 bits where the data is compared.
-    {"filter of 2^32 elements", [](HostGraph& g) { setDims(g.operand(1), {8, 65536, 65536, 3}); }, kAll0, 1,
+    // Sizes are counted in 64 bits where the data is compared: refused at
+    // the query, and by preparation when asked all the same.
+    {"filter of 2^32 elements", [](HostGraph& g) { setDims(g.operand(1), {8, 65536, 65536, 3}); }, kConvRefused, 1,
      "Operand 1 holds 216 bytes of data, but its dimensions need 103079215104"},
-    {"depthwise filter of 2^32 elements", [](HostGraph& g) { setDims(g.operand(10), {1, 65536, 65536, 8}); }, kAll0, 1,
-     kRuntimeRefusedConstant},
+    {"depthwise filter of 2^32 elements", [](HostGraph& g) { setDims(g.operand(10), {1, 65536, 65536, 8}); },
+     kDepthwiseRefused, 1, kRuntimeRefusedConstant},
 }), rowName<Mutation>);
 // clang-format on
 

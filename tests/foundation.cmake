@@ -35,10 +35,6 @@ zel_add_gtest(foundation_voting_slow_test
   LIBS zel_core
   LABELS slow)
 
-zel_add_gtest(foundation_frontend_test
-  SOURCES foundation/frontend_test.cpp
-  LIBS zel_core zelhost zel_kestrel_runtime)
-
 if(TARGET zel_kestrel_runtime_noconfig)
   add_dependencies(foundation_noconfig_test zel_kestrel_runtime_noconfig)
 endif()

@@ -205,7 +205,7 @@ Played play(const std::string& dir) {
             } else if (step == "release") {
                 if (executor != nullptr) executor->release();
                 executor = nullptr;
-                status += "release\n";
+                status += "release: " + std::to_string(zelsim::liveGraphs()) + " runtime graphs left\n";
             } else {
                 played.error = "unknown step '" + step + "'";
             }

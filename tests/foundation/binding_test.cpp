@@ -1,6 +1,7 @@
 // Runtime binding (NnLib) and the controller, against the simulator build of
 // the runtime library. The simulator is linked into this executable too, so
 // its control API and the dlopen'ed library are one and the same instance.
+#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -19,6 +20,20 @@ using foundation::withoutWorkerLines;
 using testing::ElementsAre;
 using zel::Controller;
 using zel::NnLib;
+
+// The binding's dlclose: fails (with a loader message) while armed, and
+// then leaves the library open, as a failing close would.
+namespace {
+bool gFailClose = false;
+}
+extern "C" int dlclose(void* handle) {
+    if (gFailClose) {
+        dlsym(RTLD_DEFAULT, "no symbol by this name");  // gives dlerror() a message
+        return -1;
+    }
+    static const auto real = reinterpret_cast<int (*)(void*)>(dlsym(RTLD_NEXT, "dlclose"));
+    return real(handle);
+}
 
 namespace {
 
@@ -73,6 +88,26 @@ TEST_F(NnLibBinding, ResetFunctorsEmptiesTheTableAndCloses) {
     // A second reset is harmless.
     lib->resetFunctors();
     EXPECT_FALSE(lib->isLoaded());
+}
+
+TEST_F(NnLibBinding, FailedCloseIsLoggedAndTheLibraryCountsAsUnloaded) {
+    std::shared_ptr<NnLib> lib = NnLib::makeNnLib();
+    ASSERT_TRUE(lib && lib->isLoaded());
+    zeltest::LogCapture log;
+    gFailClose = true;
+    lib->resetFunctors();
+    gFailClose = false;
+    EXPECT_FALSE(lib->isLoaded());
+    const auto errors = log.errors();
+    ASSERT_EQ(errors.size(), 1u);
+    EXPECT_EQ(errors[0].rfind("Failed to close libzel_kestrel_runtime.so library, error string: ", 0), 0u) << errors[0];
+    EXPECT_GT(errors[0].size(),
+              std::string("Failed to close libzel_kestrel_runtime.so library, error string: ").size());
+    // Nothing is closed twice: a second reset has no handle left to close.
+    gFailClose = true;
+    lib->resetFunctors();
+    gFailClose = false;
+    EXPECT_EQ(log.errors().size(), 1u);
 }
 
 TEST_F(NnLibBinding, ConfigFailureClosesTheLibraryAgain) {

@@ -27,7 +27,7 @@ target_compile_definitions(foundation_noconfig_test PRIVATE ZEL_MISSING_RUNTIME=
 
 zel_add_gtest(foundation_voting_test
   SOURCES foundation/voting_test.cpp
-  LIBS zel_core)
+  LIBS zel_core zelhost)
 
 # The one real-time check: production delays on the system clock.
 zel_add_gtest(foundation_voting_slow_test

@@ -15,13 +15,13 @@ zel_add_gtest(foundation_binding_test
 # over the simulator directory.
 zel_add_gtest(foundation_nolib_test
   SOURCES foundation/unusable_runtime_test.cpp
-  LIBS zel_core
+  LIBS zel_core zelhost
   ENV LD_LIBRARY_PATH=${ZEL_FOUNDATION_EMPTY_LIBDIR})
 target_compile_definitions(foundation_nolib_test PRIVATE ZEL_MISSING_RUNTIME=1)
 
 zel_add_gtest(foundation_noconfig_test
   SOURCES foundation/unusable_runtime_test.cpp
-  LIBS zel_core
+  LIBS zel_core zelhost
   ENV LD_LIBRARY_PATH=${CMAKE_BINARY_DIR}/sim-noconfig)
 target_compile_definitions(foundation_noconfig_test PRIVATE ZEL_MISSING_RUNTIME=0)
 

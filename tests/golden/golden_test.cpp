@@ -62,16 +62,29 @@ private:
     std::string mLine, mText;
 };
 
+// Also answers like a broken host where the scenario's "host" object says:
+// null for operand `null_operand` and for operation `null_operation`, and
+// null operations from call `operations_before_null` + 1 of getOperation on.
 class TracingGraph : public IGraph {
 public:
-    TracingGraph(IGraph& graph, HostTrace& trace) : mGraph(graph), mTrace(trace) {}
+    TracingGraph(IGraph& graph, HostTrace& trace, const nlohmann::json& broken)
+        : mGraph(graph),
+          mTrace(trace),
+          mNullOperand(broken.value("null_operand", UINT32_MAX)),
+          mNullOperation(broken.value("null_operation", UINT32_MAX)),
+          mOperationsBeforeNull(broken.value("operations_before_null", UINT32_MAX)) {}
     uint32_t getOperandCount() const override { return mGraph.getOperandCount(); }
-    IOperand* getOperand(uint32_t index) const override { return mGraph.getOperand(index); }
+    IOperand* getOperand(uint32_t index) const override {
+        return index == mNullOperand ? nullptr : mGraph.getOperand(index);
+    }
     uint32_t getOperationCount() const override {
         mTrace.add("count");
         return mGraph.getOperationCount();
     }
-    IOperation* getOperation(uint32_t index) const override { return mGraph.getOperation(index); }
+    IOperation* getOperation(uint32_t index) const override {
+        const bool broken = ++mOperationCalls > mOperationsBeforeNull || index == mNullOperation;
+        return broken ? nullptr : mGraph.getOperation(index);
+    }
     uint32_t getInputCount() const override { return mGraph.getInputCount(); }
     uint32_t getInput(uint32_t position) const override { return mGraph.getInput(position); }
     uint32_t getOutputCount() const override { return mGraph.getOutputCount(); }
@@ -82,6 +95,8 @@ public:
 private:
     IGraph& mGraph;
     HostTrace& mTrace;
+    const uint32_t mNullOperand, mNullOperation, mOperationsBeforeNull;
+    mutable uint32_t mOperationCalls = 0;
 };
 
 class TracingQuery : public IGraphOperationSupportLevelQuery {
@@ -161,7 +176,7 @@ Played play(const std::string& dir) {
     }
 
     HostTrace trace;
-    TracingGraph graph(*model.graph, trace);
+    TracingGraph graph(*model.graph, trace, scenario.value("host", nlohmann::json::object()));
     TracingContext context(trace);
     std::string support, status, outputs;
     const std::thread::id self = std::this_thread::get_id();

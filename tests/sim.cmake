@@ -18,8 +18,3 @@ target_compile_definitions(sim_builds_test PRIVATE
   ZELSIM_FULL_PATH="$<TARGET_FILE:zel_kestrel_runtime>"
   ZELSIM_NOCONFIG_PATH="$<TARGET_FILE:zel_kestrel_runtime_noconfig>")
 add_dependencies(sim_builds_test zel_kestrel_runtime zel_kestrel_runtime_noconfig)
-
-zel_add_gtest(sim_stress_test
-  SOURCES sim/stress_test.cpp
-  LIBS zel_kestrel_runtime
-  LABELS sim stress)

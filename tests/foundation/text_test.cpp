@@ -19,6 +19,18 @@ using arv::nnhal::OperationType;
 
 namespace {
 
+// The runtime enumerations (the host ones are named in the golden support
+// answers): nodes the plug-in never emits print as their number, paddings
+// past the table as invalid.
+TEST(EnumText, RuntimeValuesOutsideTheirTables) {
+    EXPECT_EQ(zel::toString(static_cast<zel_op_type_enum>(3)), "3");
+    EXPECT_EQ(zel::toString(static_cast<zel_op_type_enum>(INT32_MIN)), "-2147483648");
+    EXPECT_EQ(zel::toString(ZEL_NN_PAD_NA), "NN_PAD_NA");
+    EXPECT_EQ(zel::toString(ZEL_NN_PAD_SAME_CAFFE), "NN_PAD_SAME_CAFFE");
+    EXPECT_EQ(zel::toString(static_cast<padding_type_enum>(6)), "<invalid kestrel_nn_padding_type>");
+    EXPECT_EQ(zel::toString(static_cast<padding_type_enum>(-1)), "<invalid kestrel_nn_padding_type>");
+}
+
 TEST(NumberText, ScalarsAndArrays) {
     EXPECT_EQ(zel::toString(4294967295u), "4294967295");
     EXPECT_EQ(zel::toString(-17), "-17");

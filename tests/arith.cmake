@@ -8,3 +8,9 @@ zel_add_gtest(zel_arith_tests
     arith/transpose_test.cpp
   LIBS zel_core
   LABELS arith)
+
+# Rules and lowerings no table routes, called directly on the simulator.
+zel_add_gtest(zel_unrouted_test
+  SOURCES arith/unrouted_test.cpp
+  LIBS zel_core zelhost zel_kestrel_runtime
+  LABELS arith)

@@ -67,10 +67,12 @@ TEST_F(Unrouted, QuantizedChecks) {
 
     EXPECT_FALSE(zel::quant8_asym_check::relu({99}, {out}, m));
     EXPECT_FALSE(zel::quant8_asym_check::pad({in}, {out}, m));
+    EXPECT_FALSE(zel::quant8_asym_check::oemLstmCheck({in, in, in, in, in, in}, {out, out, out}, m));
     const auto errors = log.errors();
-    ASSERT_EQ(errors.size(), 2u);
+    ASSERT_EQ(errors.size(), 3u);
     EXPECT_EQ(zeltest::afterLocation(errors[0]), "Input 0 of RELU names operand 99, which is outside the graph");
     EXPECT_EQ(zeltest::afterLocation(errors[1]), "failed 2 == ins.size() (2 == 1): Need 2 inputs for PAD");
+    EXPECT_EQ(zeltest::afterLocation(errors[2]), "failed 4 == outs.size() (4 == 3): Need 4 outputs for OEM LSTM");
 }
 
 TEST_F(Unrouted, QuantizedBatchToSpaceNeedsRankThree) {

@@ -273,6 +273,12 @@ std::string notes() {
     return s.notes;
 }
 
+void armFaults(const std::string& text) {
+    auto& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    store::armFaults(s, text.c_str());
+}
+
 void failCall(const std::string& entry, unsigned nth, int code) {
     auto& s = state();
     std::lock_guard<std::mutex> lock(s.mutex);

@@ -15,29 +15,25 @@ zel_add_gtest(foundation_binding_test
 # over the simulator directory.
 zel_add_gtest(foundation_nolib_test
   SOURCES foundation/unusable_runtime_test.cpp
-  LIBS zel_core
+  LIBS zel_core zelhost
   ENV LD_LIBRARY_PATH=${ZEL_FOUNDATION_EMPTY_LIBDIR})
 target_compile_definitions(foundation_nolib_test PRIVATE ZEL_MISSING_RUNTIME=1)
 
 zel_add_gtest(foundation_noconfig_test
   SOURCES foundation/unusable_runtime_test.cpp
-  LIBS zel_core
+  LIBS zel_core zelhost
   ENV LD_LIBRARY_PATH=${PROJECT_BINARY_DIR}/sim-noconfig)
 target_compile_definitions(foundation_noconfig_test PRIVATE ZEL_MISSING_RUNTIME=0)
 
 zel_add_gtest(foundation_voting_test
   SOURCES foundation/voting_test.cpp
-  LIBS zel_core)
+  LIBS zel_core zelhost)
 
 # The one real-time check: production delays on the system clock.
 zel_add_gtest(foundation_voting_slow_test
   SOURCES foundation/voting_slow_test.cpp
   LIBS zel_core
   LABELS slow)
-
-zel_add_gtest(foundation_frontend_test
-  SOURCES foundation/frontend_test.cpp
-  LIBS zel_core zelhost zel_kestrel_runtime)
 
 if(TARGET zel_kestrel_runtime_noconfig)
   add_dependencies(foundation_noconfig_test zel_kestrel_runtime_noconfig)

@@ -5,7 +5,7 @@ set(ZEL_FRONTEND_DEFINITIONS
   ZEL_RUNTIME_PATH="$<TARGET_FILE:zel_kestrel_runtime>"
   ZEL_ZELRUN_PATH="$<TARGET_FILE:zelrun>"
   ZEL_EXAMPLES_DIR="${PROJECT_SOURCE_DIR}/examples"
-  ZEL_CONFORMANCE_DIR="${CMAKE_CURRENT_SOURCE_DIR}/conformance"
+  ZEL_CONFORMANCE_DIR="${ZEL_CONFORMANCE_DIR}"
   ZEL_CROSSCOMPILING=$<BOOL:${CMAKE_CROSSCOMPILING}>)
 
 zel_add_gtest(frontend_model_file_test
@@ -28,7 +28,7 @@ zel_add_gtest(frontend_zelrun_test
 target_compile_definitions(frontend_zelrun_test PRIVATE ${ZEL_FRONTEND_DEFINITIONS})
 add_dependencies(frontend_zelrun_test zelrun ravine-acc-zel zel_kestrel_runtime)
 
-add_test(NAME conformance COMMAND zelrun --log off --conformance ${CMAKE_CURRENT_SOURCE_DIR}/conformance)
+add_test(NAME conformance COMMAND zelrun --log off --conformance ${ZEL_CONFORMANCE_DIR})
 set_tests_properties(conformance PROPERTIES
   ENVIRONMENT "LD_LIBRARY_PATH=${ZEL_SIM_DIR}" LABELS "frontend;conformance" TIMEOUT 600)
 

@@ -9,16 +9,11 @@ target_include_directories(fuzz_replay_test PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/
 target_compile_definitions(fuzz_replay_test PRIVATE ZEL_FUZZ_CORPUS="${CMAKE_CURRENT_SOURCE_DIR}/fuzz/corpus"
                            _FILE_OFFSET_BITS=64)
 
-# Malformed graphs, injected runtime faults, concurrency stress and soak,
+# Injected runtime faults, concurrency stress and soak,
 # all through the accelerator as a host drives it, on the simulator.
 add_library(zel_reliability_support STATIC reliability/reliability_support.cpp)
 target_link_libraries(zel_reliability_support PUBLIC zel_core zelhost zel_kestrel_runtime zel_test_support gtest)
 target_compile_definitions(zel_reliability_support PUBLIC ZEL_EXAMPLES_DIR="${PROJECT_SOURCE_DIR}/examples")
-
-zel_add_gtest(reliability_malformed_test
-  SOURCES reliability/malformed_graph_test.cpp
-  LIBS zel_reliability_support
-  LABELS reliability)
 
 zel_add_gtest(reliability_fault_test
   SOURCES reliability/fault_sweep_test.cpp

@@ -2,7 +2,6 @@
 zel_add_gtest(simops_test
   SOURCES
     simops/accumulate_test.cpp
-    simops/bytes_test.cpp
     simops/validate_test.cpp
     simops/kernels_test.cpp
   LIBS zelsim_ops

@@ -64,6 +64,9 @@ TEST(BlockShape, BatchToSpaceAndBack) {
     expectRefusal("blockSizeValues != nullptr", [&](Shape* o) {
         return batchToSpacePrepare(q8({4, 2, 2, 1}), nullptr, i32({2}), o);
     });
+    expectRefusal("blockSizeValues != nullptr && paddingsData != nullptr", [&](Shape* o) {
+        return spaceToBatchPrepare(q8({1, 4, 4, 1}), tall, i32({2}), nullptr, i32({2, 2}), o);
+    });
     expectRefusal("paddedHeight % blockSizeData[0] == 0", [&](Shape* o) {
         return spaceToBatchPrepare(q8({1, 5, 2, 1}), tall, i32({2}), pads, i32({2, 2}), o);
     });
@@ -126,6 +129,10 @@ TEST(TransposeShape, PermutesDimensions) {
     Shape out;
     ASSERT_TRUE(transposePrepare(q8({2, 3, 4, 5}), perm, i32({4}), &out));
     EXPECT_EQ(out.dimensions, (Dims{4, 2, 3, 5}));
+
+    // A scalar has nothing to permute and needs no permutation data.
+    ASSERT_TRUE(transposePrepare(q8({}), nullptr, i32({0}), &out));
+    EXPECT_TRUE(out.dimensions.empty());
 
     const int32_t bad[] = {2, 0, 4, 1};
     expectRefusal("permData[idx] >= 0 && permData[idx] < static_cast<int32_t>(numInputDims)", [&](Shape* o) {

@@ -13,6 +13,7 @@
 #include "zel_accelerator.h"
 #include "zel_test_peers.h"
 #include "zel_utils.h"
+#include "zelhost/host_graph.h"
 
 namespace zel = arv::nnhal::zel;
 using testing::ElementsAre;
@@ -65,6 +66,28 @@ TEST(UnusableRuntime, ResetStillGivesABinding) {
     std::shared_ptr<zel::NnLib> lib = zel::Controller::getInstance()->getNnLib();
     ASSERT_TRUE(lib);
     foundation::expectEveryWrapperFails(*lib);
+}
+
+// A supported graph still gets status 7 and no executor, and nothing is
+// built for it.
+TEST(UnusableRuntime, CreateGraphExecutorAnswersUnavailable) {
+    using namespace arv::nnhal;
+    host::HostGraph graph;
+    const uint32_t in = graph.addQuant8({1, 2, 2, 1}, 0.5f, 0, host::Lifetime::Input);
+    const uint32_t out = graph.addQuant8({1, 2, 2, 1}, 0.5f, 0, host::Lifetime::Output);
+    graph.addOperation(OperationType::RELU, {in}, {out});
+    graph.setInputs({in});
+    graph.setOutputs({out});
+    host::HostAcceleratorContext acceleratorContext;
+    IAccelerator* accelerator = CreateAccelerator_zel(&acceleratorContext);
+    ASSERT_NE(accelerator, nullptr);
+    host::HostExecutorContext context;
+    zeltest::LogCapture log;
+    const CreateExecutorResult created = accelerator->createGraphExecutor(&graph, &context);
+    EXPECT_EQ(static_cast<int>(created.status), 7);
+    EXPECT_EQ(created.executor, nullptr);
+    EXPECT_EQ(log.count("In ZelExecutor::create()"), 0u);
+    accelerator->release();
 }
 
 }  // namespace

@@ -17,6 +17,8 @@
 #include "log_capture.h"
 #include "zel_accelerator.h"
 #include "zel_test_peers.h"
+#include "zel_model.h"
+#include "zelhost/host_graph.h"
 
 namespace zel = arv::nnhal::zel;
 using std::chrono::microseconds;
@@ -338,6 +340,37 @@ TEST_F(Voting, ExitStopsTheWorkerAndTheDestructorStillJoins) {
     mLib.reset();
     EXPECT_EQ(mLog.count("Closing VotingThread ..."), 2u);
     mLib = std::make_unique<NnLib>();
+}
+
+// A support query votes the power up and down once per operation on the
+// model's token: once the release delay has passed the token holds nothing.
+TEST_F(Voting, SupportQueryPairsItsVotesPerOperation) {
+    using namespace arv::nnhal;
+    VotingThread::Delays delays;
+    delays.clock = [this] { return mClock.now(); };
+    zel::NnLibTestPeer::setDelays(delays);
+    ASSERT_TRUE(zel::Controller::getInstance()->resetNnLib());
+    std::shared_ptr<NnLib> lib = zel::Controller::getInstance()->getNnLib();
+    host::HostGraph graph;
+    const uint32_t in = graph.addQuant8({1, 2, 2, 1}, 0.5f, 0, host::Lifetime::Input);
+    const uint32_t mid = graph.addQuant8({1, 2, 2, 1}, 0.5f, 0, host::Lifetime::Internal);
+    const uint32_t out = graph.addQuant8({1, 2, 2, 1}, 0.5f, 0, host::Lifetime::Output);
+    graph.addOperation(OperationType::RELU, {in}, {mid});
+    graph.addOperation(OperationType::RELU6, {mid}, {out});
+    graph.setInputs({in});
+    graph.setOutputs({out});
+    std::unique_ptr<zel::ZelModel> model(zel::ZelModel::create(&graph));
+    ASSERT_TRUE(model && lib);
+    for (uint32_t i = 0; i < 2; ++i) EXPECT_EQ(model->getOperationSupportLevel(graph.getOperation(i)), 0);
+    VotingThread* worker = peer(lib).votingThread();
+    const uint64_t token = zel::ZelModelTestPeer(model.get()).votingToken();
+    EXPECT_TRUE(foundation::waitFor([&] { return peer(worker).tokenCount(token) == 2; }));
+    mClock.advance(seconds(5));
+    ASSERT_TRUE(worker->enqueueVote(UINT64_MAX, VotingThread::UP));  // wakes the worker
+    EXPECT_TRUE(foundation::waitFor([&] { return peer(worker).tokenCount(token) == 0; }));
+    model.reset();
+    zel::NnLibTestPeer::setDelays(VotingThread::Delays());
+    zel::Controller::getInstance()->resetNnLib();
 }
 
 // The production clock with a short injected delay: the release is not

@@ -61,41 +61,4 @@ arv::nnhal::host::LoadedModel loadDemoModel();
 // Resident set size of this process in KiB, from /proc/self/statm.
 uint64_t residentKiB();
 
-// A host graph that answers like a broken host for chosen items and
-// forwards everything else to the graph it wraps.
-class BrokenHostGraph : public arv::nnhal::IGraph {
-public:
-    explicit BrokenHostGraph(arv::nnhal::IGraph& inner) : mInner(inner) {}
-    uint32_t getOperandCount() const override { return mInner.getOperandCount(); }
-    arv::nnhal::IOperand* getOperand(uint32_t index) const override {
-        return index == mNullOperand ? nullptr : mInner.getOperand(index);
-    }
-    uint32_t getOperationCount() const override { return mInner.getOperationCount(); }
-    arv::nnhal::IOperation* getOperation(uint32_t index) const override {
-        // A host whose answers change between two calls.
-        if (++mOperationCalls > mOperationsBeforeNull) return nullptr;
-        return mInner.getOperation(index);
-    }
-    uint32_t getInputCount() const override { return mInner.getInputCount(); }
-    uint32_t getInput(uint32_t position) const override { return mInner.getInput(position); }
-    uint32_t getOutputCount() const override { return mInner.getOutputCount(); }
-    uint32_t getOutput(uint32_t position) const override { return mInner.getOutput(position); }
-    uint32_t getBufferCount() const override { return mInner.getBufferCount(); }
-    arv::nnhal::BufferResult getBuffer(uint32_t index) const override {
-        if (index == mNullBuffer) return {arv::nnhal::Status::SUCCESS, nullptr};
-        return mInner.getBuffer(index);
-    }
-
-    // getOperand(index) answers null.
-    uint32_t mNullOperand = UINT32_MAX;
-    // getBuffer(index) answers success with a null buffer.
-    uint32_t mNullBuffer = UINT32_MAX;
-    // getOperation answers null from call number mOperationsBeforeNull + 1 on.
-    uint32_t mOperationsBeforeNull = UINT32_MAX;
-
-private:
-    arv::nnhal::IGraph& mInner;
-    mutable uint32_t mOperationCalls = 0;
-};
-
 }  // namespace reltest

@@ -30,18 +30,6 @@ inline kestrel_zel_nn_output range() {
     return rec(1, 1, 1, 1, 4);
 }
 
-inline kestrel_zel_nn_tensordef tensor(uint32_t b, uint32_t h, uint32_t w, uint32_t d, void* data, int32_t len) {
-    kestrel_zel_nn_tensordef t{};
-    t.batches = b;
-    t.height = h;
-    t.width = w;
-    t.depth = d;
-    t.data = static_cast<unsigned char*>(data);
-    t.dataLen = len;
-    t.data_valid_len = len < 0 ? 0u : static_cast<uint32_t>(len);
-    return t;
-}
-
 inline std::string getlog(int graphId) {
     std::vector<unsigned char> buf(4096, 0xAA);
     if (kestrel_zel_nn_getlog(graphId, buf.data(), static_cast<unsigned>(buf.size())) != 0) return "<getlog failed>";

@@ -41,18 +41,12 @@ kestrel_zel_nn_output badRank() {
     r.rank = 3;
     return r;
 }
-kestrel_zel_nn_output sizeBeyondRank() {
-    kestrel_zel_nn_output r = rec(1, 2, 2, 4, 1);
-    r.max_sizes[5] = 2;
-    return r;
-}
 
 using G = simtest::Graph;
 
 // clang-format off
 const RefusalCase kRefusals[] = {
     {"IdZero", [](G& g) { return g.node(0, ZEL_OP_OUTPUT, {{1, 0}}, {}); }, "node 0 (ZEL_OP_OUTPUT): ", "reserved"},
-    {"IdUsed", [](G& g) { return g.node(3, ZEL_OP_OUTPUT, {{1, 0}}, {}); }, "node 3 (ZEL_OP_OUTPUT): ", "already used"},
     {"IdGoesBack", [](G& g) { g.floatConstant(9, 1.0f); return g.node(5, ZEL_OP_OUTPUT, {{1, 0}}, {}); },
      "node 5 (ZEL_OP_OUTPUT): ", "must increase: 5 after 9"},
     {"UnknownOp", [](G& g) { return g.node(4, 9999, {{1, 0}}, {rec(1, 2, 2, 4, 1)}); },
@@ -68,24 +62,18 @@ const RefusalCase kRefusals[] = {
      "node 4 (ZEL_OP_OUTPUT): ", "input 0 {1, 1}: node 1 has 1 output(s)"},
     {"OutputRank", [](G& g) { return g.node(4, ZEL_OP_INPUT, {}, {rec(1, 1, 1, 1, 1), badRank()}); },
      "node 4 (ZEL_OP_INPUT): ", "output 1 has rank 3 (4 expected)"},
-    {"OutputSizeBeyondRank", [](G& g) { return g.node(4, ZEL_OP_INPUT, {}, {sizeBeyondRank()}); },
-     "node 4 (ZEL_OP_INPUT): ", "output 0 has size 2 beyond its rank"},
     {"OutputElementSize", [](G& g) { return g.node(4, ZEL_OP_INPUT, {}, {rec(1, 2, 2, 4, 3)}); },
      "node 4 (ZEL_OP_INPUT): ", "element size 3"},
     {"OutputTooLarge", [](G& g) { return g.node(4, ZEL_OP_INPUT, {}, {rec(1024, 1024, 1024, 2, 1)}); },
      "node 4 (ZEL_OP_INPUT): ", "output 0 is too large"},
     {"InputNodeWithInputs", [](G& g) { return g.node(4, ZEL_OP_INPUT, {{1, 0}}, {rec(1, 1, 1, 1, 1)}); },
      "node 4 (ZEL_OP_INPUT): ", "takes no inputs"},
-    {"OutputNodeWithOutputs", [](G& g) { return g.node(4, ZEL_OP_OUTPUT, {{1, 0}}, {rec(1, 1, 1, 1, 1)}); },
-     "node 4 (ZEL_OP_OUTPUT): ", "has no outputs"},
     {"AfterPrepare", [](G& g) { g.prepare(); return g.node(4, ZEL_OP_OUTPUT, {{1, 0}}, {}); },
      "node 4 (ZEL_OP_OUTPUT): ", "is already prepared"},
     {"ConstLengthMismatch", [](G& g) { return g.constant(4, 1, 1, 2, 3, {1, 2, 3, 4, 5}); },
      "const 4: ", "5 bytes do not hold 1x1x2x3 elements"},
     {"ConstNullData", [](G& g) { return kestrel_zel_nn_append_const_node(g.id(), 4, 1, 1, 1, 1, nullptr, 4); },
      "const 4: ", "data is null with 4 bytes"},
-    {"ConstHugeDims", [](G& g) { return g.constant(4, 65536, 65536, 1, 1, {1, 2, 3, 4, 5, 6, 7, 8}); },
-     "const 4: ", "dims are too large"},
 };
 // clang-format on
 

@@ -15,7 +15,7 @@ LogCapture::~LogCapture() {
 void LogCapture::sink(int prio, const char* tag, const char* text, void* context) {
     auto* self = static_cast<LogCapture*>(context);
     std::lock_guard<std::mutex> lock(self->mMutex);
-    self->mLines.push_back({prio, tag ? tag : "", text ? text : ""});
+    self->mLines.push_back({prio, tag ? tag : "", text ? text : "", std::this_thread::get_id()});
 }
 
 std::vector<LogLine> LogCapture::lines() const {

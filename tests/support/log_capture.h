@@ -4,6 +4,7 @@
 
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace zeltest {
@@ -12,6 +13,7 @@ struct LogLine {
     int priority;  // 3 debug, 6 error
     std::string tag;
     std::string text;
+    std::thread::id thread;  // the thread that logged the line
 };
 
 class LogCapture {

@@ -59,6 +59,9 @@ ZELSIM_API std::string lastError(int graphId);
 // Fault injection: the n-th call (1-based, counted from this call) of
 // `entry` returns `code` without doing anything. Several faults may be armed.
 ZELSIM_API void failCall(const std::string& entry, unsigned nth, int code);
+// Arms the faults of a ZELSIM_FAULTS value as if read at load time (call
+// numbers counted from the last reset); malformed items go to notes().
+ZELSIM_API void armFaults(const std::string& text);
 // Version answer (value written and return code of the version call).
 ZELSIM_API void setVersion(int version, int result = 0);
 // Return code of config.

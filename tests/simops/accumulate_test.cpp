@@ -20,9 +20,6 @@ struct WindowCase {
     float fScale;
     int32_t fZero;
 };
-void PrintTo(const WindowCase& c, std::ostream* os) {
-    *os << c.name;
-}
 
 class WindowSumTest : public ::testing::TestWithParam<WindowCase> {};
 
@@ -233,9 +230,6 @@ struct ElementwiseCase {
     D4 a, b, out;
     float aMin, aMax, bMin, bMax;
 };
-void PrintTo(const ElementwiseCase& c, std::ostream* os) {
-    *os << c.name;
-}
 
 class ElementwiseTest : public ::testing::TestWithParam<ElementwiseCase> {};
 

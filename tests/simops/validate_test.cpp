@@ -50,9 +50,6 @@ struct ValidateCase {
     NodeCheck node;
     std::string expected;  // "" = accepted
 };
-void PrintTo(const ValidateCase& c, std::ostream* os) {
-    *os << c.name;
-}
 
 class ValidateTest : public ::testing::TestWithParam<ValidateCase> {};
 

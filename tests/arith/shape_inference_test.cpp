@@ -61,20 +61,18 @@ Call reshape(Dims in, std::vector<int32_t> target) {
 }
 
 // What a successful inference writes: dimensions always, the type and
-// quantization only where the operation defines them.
+// quantization only where the operation defines them. The plain shapes of
+// the routed operations are pinned by the conformance run; these rows are
+// the edges it does not reach.
 TEST(ShapeInference, WritesTheOutputRecord) {
-    const Shape conc = q8({1, 2, 2, 3}, 0.5f, 3);
     const struct {
         const char* name;
         Call call;
         Shape before, after;
     } cases[] = {
-        {"same shapes", add(q8({2, 3, 4}), q8({2, 3, 4})), q8({0, 0, 0}, 0.25f, 4), q8({2, 3, 4}, 0.25f, 4)},
         // Broadcast takes the larger rank and leaves the output's type alone.
         {"broadcast", add(q8({2, 1, 4}), q8({3, 1})), i32({}), i32({2, 3, 4})},
         {"broadcast lower rank first", add(q8({5}), q8({2, 1, 1})), i32({}), i32({2, 1, 5})},
-        {"conv", conv(q8({1, 224, 224, 3}), q8({32, 3, 3, 3}), i32({32})), q8({}, 0.25f, 2),
-         q8({1, 112, 112, 32}, 0.25f, 2)},
         // A zero stride yields 0, no trap.
         {"float conv, zero stride",
          [](Shape* o) {
@@ -91,8 +89,6 @@ TEST(ShapeInference, WritesTheOutputRecord) {
          Shape(), q8({2, 2, 2, 3}, 0.0f)},
         {"fully connected flattens to batches", fc(q8({2, 3, 4}), q8({5, 12}), i32({5})), q8({}, 0.25f, 1),
          q8({2, 5}, 0.25f, 1)},
-        {"concatenation", concat({conc, q8({1, 2, 2, 1}, 0.5f, 3), q8({1, 2, 2, 4}, 0.5f, 3)}, 3), q8({}, 0.5f, 3),
-         q8({1, 2, 2, 8}, 0.5f, 3)},
         // Float inputs are not held to one quantization.
         {"float concatenation", concat({f32({2, 3}), shapeOf(OperandType::TENSOR_FP32, {4, 3}, 2.0f, 5)}, 0), f32({}),
          f32({6, 3})},
@@ -108,11 +104,6 @@ TEST(ShapeInference, WritesTheOutputRecord) {
              return resizeBilinearPrepare(q8({2, 4, 4, 3}), 5, 7, o);
          },
          Shape(), q8({2, 7, 5, 3}, 0.0f)},
-        {"dequantize",
-         [](Shape* o) {
-             return dequantizePrepare(q8({3, 4}), o);
-         },
-         f32({0, 0}), f32({3, 4})},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);

@@ -220,28 +220,6 @@ TEST_F(ControllerTest, TwoResetsInARowEachCloseAndGiveAFreshBinding) {
     EXPECT_TRUE(Controller::getInstance()->heartBeat());
 }
 
-TEST_F(ControllerTest, BindingHeldAcrossAResetAnswersMinusOne) {
-    std::shared_ptr<NnLib> held = Controller::getInstance()->getNnLib();
-    ASSERT_TRUE(held);
-    int graphId = 0;
-    ASSERT_EQ(held->init(&graphId), 0);
-
-    ASSERT_TRUE(Controller::getInstance()->resetNnLib());
-    // The holder keeps the object alive, with its table emptied.
-    int version = 0;
-    EXPECT_EQ(held->version(&version), -1);
-    EXPECT_EQ(held->teardown(graphId), -1);
-    EXPECT_EQ(held->init(&graphId), -1);
-    EXPECT_FALSE(peer(held).isLoaded());
-
-    std::shared_ptr<NnLib> fresh = Controller::getInstance()->getNnLib();
-    ASSERT_TRUE(fresh);
-    EXPECT_NE(fresh, held);
-    EXPECT_EQ(fresh->version(&version), 0);
-    EXPECT_EQ(version, 0x20100);
-    EXPECT_EQ(fresh->teardown(graphId), 0);
-}
-
 TEST_F(ControllerTest, CloseAndOpenByHand) {
     std::shared_ptr<NnLib> before = Controller::getInstance()->getNnLib();
     zeltest::LogCapture log;

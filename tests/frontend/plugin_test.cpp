@@ -128,27 +128,29 @@ TEST_F(PluginEndToEnd, AcceleratorReleaseReloadsTheRuntimeUnderALivingExecutor) 
 
 // ---- loader errors --------------------------------------------------------------
 
-TEST(PluginLoaderErrors, MissingLibrary) {
-    PluginLoader loader;
-    const std::string error = loader.load("/nonexistent/ravine-acc-zel.so");
-    EXPECT_EQ(error.rfind("cannot load plug-in /nonexistent/ravine-acc-zel.so: ", 0), 0u) << error;
-    std::string why;
-    EXPECT_EQ(loader.createAccelerator(&why), nullptr);
-    EXPECT_EQ(why, "no plug-in loaded");
-}
-
-TEST(PluginLoaderErrors, MissingRuntime) {
-    PluginLoader loader;
-    const std::string error = loader.load(ZEL_PLUGIN_PATH, "/nonexistent/libzel_kestrel_runtime.so");
-    EXPECT_EQ(error.rfind("cannot load runtime /nonexistent/libzel_kestrel_runtime.so: ", 0), 0u) << error;
-    EXPECT_EQ(loader.pluginHandle(), nullptr);
-}
-
-TEST(PluginLoaderErrors, LibraryWithoutTheFactory) {
-    PluginLoader loader;
-    const std::string error = loader.load(ZEL_RUNTIME_PATH);
-    EXPECT_NE(error.find("does not export CreateAccelerator_zel"), std::string::npos) << error;
-    EXPECT_EQ(loader.pluginHandle(), nullptr);
+// One case per way a load fails: each names what went wrong, and nothing
+// stays loaded.
+TEST(PluginLoaderErrors, RefusedLoadsNameTheCauseAndLeaveNothingLoaded) {
+    const struct {
+        const char* plugin;
+        const char* runtime;
+        std::string message;
+    } cases[] = {
+        {"/nonexistent/ravine-acc-zel.so", "", "cannot load plug-in /nonexistent/ravine-acc-zel.so: "},
+        {ZEL_PLUGIN_PATH, "/nonexistent/libzel_kestrel_runtime.so",
+         "cannot load runtime /nonexistent/libzel_kestrel_runtime.so: "},
+        {ZEL_RUNTIME_PATH, "", "does not export CreateAccelerator_zel"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.message);
+        PluginLoader loader;
+        const std::string error = loader.load(c.plugin, c.runtime);
+        EXPECT_NE(error.find(c.message), std::string::npos) << error;
+        EXPECT_EQ(loader.pluginHandle(), nullptr);
+        std::string why;
+        EXPECT_EQ(loader.createAccelerator(&why), nullptr);
+        EXPECT_EQ(why, "no plug-in loaded");
+    }
 }
 
 }  // namespace

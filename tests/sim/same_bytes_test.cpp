@@ -56,8 +56,9 @@ std::vector<std::string> conformanceFiles() {
     return files;
 }
 
-// Runs `graph` once when the plug-in takes every operation; false otherwise.
-bool runOnce(IAccelerator& accelerator, HostGraph& graph, IoBuffers& buffers) {
+// Runs `graph` once when the plug-in takes every operation and adds its
+// outputs to `digest`; false otherwise.
+bool runOnce(IAccelerator& accelerator, HostGraph& graph, IoBuffers& buffers, Digest& digest) {
     if (!allSupported(querySupport(accelerator, graph))) return false;
     HostExecutorContext context;
     const CreateExecutorResult created = accelerator.createGraphExecutor(&graph, &context);
@@ -68,45 +69,30 @@ bool runOnce(IAccelerator& accelerator, HostGraph& graph, IoBuffers& buffers) {
     const ExecuteResult executed = executeBound(graph, *created.executor, buffers);
     created.executor->release();
     EXPECT_EQ(executed.status, Status::SUCCESS);
+    for (const auto& out : buffers.outputs) digest.add(out);
     return executed.status == Status::SUCCESS;
 }
 
 struct Checksums {
-    uint64_t conformance = 0;
+    Digest conformance, demo, mobileNet;
     uint32_t conformanceRun = 0;
-    uint64_t demo = 0;
-    uint64_t mobileNet = 0;
 };
 
 Checksums measure(const std::vector<LoadedModel>& cases, LoadedModel& demo, HostGraph& mobileNet) {
     reltest::Accelerator accelerator;
     Checksums sums;
-    Digest conformance;
     for (const LoadedModel& model : cases) {
         IoBuffers buffers = makeBuffers(model);
-        if (!runOnce(*accelerator, *model.graph, buffers)) continue;
-        ++sums.conformanceRun;
-        for (const auto& out : buffers.outputs) conformance.add(out);
+        if (runOnce(*accelerator, *model.graph, buffers, sums.conformance)) ++sums.conformanceRun;
     }
-    sums.conformance = conformance.value;
-
-    Digest d;
     IoBuffers demoBuffers = makeBuffers(demo);
-    EXPECT_TRUE(runOnce(*accelerator, *demo.graph, demoBuffers));
-    for (const auto& out : demoBuffers.outputs) d.add(out);
-    sums.demo = d.value;
-
+    EXPECT_TRUE(runOnce(*accelerator, *demo.graph, demoBuffers, sums.demo));
     // The benchmarks' input pixels.
     IoBuffers mb;
-    mb.inputs.resize(1);
-    mb.inputs[0].resize(operandByteSize(mobileNet, mobileNet.getInput(0)));
+    mb.inputs = {std::vector<uint8_t>(operandByteSize(mobileNet, mobileNet.getInput(0)))};
     for (size_t i = 0; i < mb.inputs[0].size(); ++i) mb.inputs[0][i] = static_cast<uint8_t>((i * 131u + 7u) >> 3);
-    mb.outputs.resize(1);
-    mb.outputs[0].resize(operandByteSize(mobileNet, mobileNet.getOutput(0)));
-    EXPECT_TRUE(runOnce(*accelerator, mobileNet, mb));
-    Digest m;
-    m.add(mb.outputs[0]);
-    sums.mobileNet = m.value;
+    mb.outputs = {std::vector<uint8_t>(operandByteSize(mobileNet, mobileNet.getOutput(0)))};
+    EXPECT_TRUE(runOnce(*accelerator, mobileNet, mb, sums.mobileNet));
     return sums;
 }
 
@@ -137,14 +123,14 @@ TEST(SameBytes, EveryThreadCountAndPathGivesTheRecordedOutputs) {
             const Checksums sums = measure(cases, demo, *mobileNet);
             if (std::getenv("ZELSIM_PRINT_CHECKSUMS") != nullptr) {
                 std::printf("conformance %#llx (%u cases) demo %#llx mobilenet %#llx\n",
-                            static_cast<unsigned long long>(sums.conformance), sums.conformanceRun,
-                            static_cast<unsigned long long>(sums.demo),
-                            static_cast<unsigned long long>(sums.mobileNet));
+                            static_cast<unsigned long long>(sums.conformance.value), sums.conformanceRun,
+                            static_cast<unsigned long long>(sums.demo.value),
+                            static_cast<unsigned long long>(sums.mobileNet.value));
             }
             EXPECT_EQ(sums.conformanceRun, kConformanceCasesRun);
-            EXPECT_EQ(sums.conformance, kConformanceChecksum);
-            EXPECT_EQ(sums.demo, kDemoChecksum);
-            EXPECT_EQ(sums.mobileNet, kMobileNetChecksum);
+            EXPECT_EQ(sums.conformance.value, kConformanceChecksum);
+            EXPECT_EQ(sums.demo.value, kDemoChecksum);
+            EXPECT_EQ(sums.mobileNet.value, kMobileNetChecksum);
         }
     }
     zelsim::setPortableKernels(false);

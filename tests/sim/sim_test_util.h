@@ -18,10 +18,7 @@ namespace simtest {
 inline kestrel_zel_nn_output rec(uint32_t b, uint32_t h, uint32_t w, uint32_t d, uint32_t elementSize) {
     kestrel_zel_nn_output r{};
     r.rank = 4;
-    r.max_sizes[0] = b;
-    r.max_sizes[1] = h;
-    r.max_sizes[2] = w;
-    r.max_sizes[3] = d;
+    r.max_sizes[0] = b, r.max_sizes[1] = h, r.max_sizes[2] = w, r.max_sizes[3] = d;
     r.elementsize = elementSize;
     return r;
 }

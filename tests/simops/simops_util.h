@@ -52,11 +52,8 @@ inline Tensor u8(D4 d, std::vector<uint8_t> v) {
 inline Tensor i32(D4 d, const std::vector<int32_t>& v) {
     return tensor(d, 4, bytesOf(v));
 }
-inline Tensor f32(D4 d, const std::vector<float>& v) {
-    return tensor(d, 4, bytesOf(v));
-}
 inline Tensor scalar(float v) {
-    return f32({1, 1, 1, 1}, {v});
+    return tensor({1, 1, 1, 1}, 4, bytesOf(std::vector<float>{v}));
 }
 
 // A shape-only constant (stride, window): dims 1xHxWx1 over one zero word.

@@ -41,10 +41,8 @@ NodeCheck resize(std::vector<int32_t> size, D4 out) {
     return n.quantOut(out, 1);
 }
 
-NodeCheck floatNode(int32_t op, int inputs, uint32_t outSize, int32_t padding = 0) {
-    NodeCheck n(op, padding);
-    for (int i = 0; i < inputs; ++i) n.value({1, 2, 2, 2}, 4);
-    return n.out({1, 2, 2, 2}, outSize);
+NodeCheck floatRelu(uint32_t outSize) {
+    return NodeCheck(ZEL_OP_FloatRelu).value({1, 2, 2, 2}, 4).out({1, 2, 2, 2}, outSize);
 }
 
 struct ValidateCase {
@@ -52,9 +50,6 @@ struct ValidateCase {
     NodeCheck node;
     std::string expected;  // "" = accepted
 };
-void PrintTo(const ValidateCase& c, std::ostream* os) {
-    *os << c.name;
-}
 
 class ValidateTest : public ::testing::TestWithParam<ValidateCase> {};
 
@@ -156,26 +151,11 @@ INSTANTIATE_TEST_SUITE_P(Nodes, ValidateTest, ::testing::Values(
     ValidateCase{"ResizeZero", resize({0, 3}, {1, 1, 3, 3}), "QuantizedResizeBilinear_8: size must be positive, got 0x3"},
     ValidateCase{"ResizeOneValue", resize({3}, {1, 3, 3, 3}),
                  "QuantizedResizeBilinear_8: input 1 (size) must be an int32 constant of 2 elements"},
-    ValidateCase{"InputWithInput", NodeCheck(ZEL_OP_INPUT).value(k1, 1), "INPUT: expects 0 inputs, got 1"},
-    ValidateCase{"OutputWithOutput", NodeCheck(ZEL_OP_OUTPUT).value(k1, 1).out(k1, 1), "OUTPUT: expects 0 outputs, got 1"},
     ValidateCase{"SplitPartial", splitInto(5), "QuantizedSplit_8: expects three outputs (value, min, max) per part, got 5"},
-    ValidateCase{"FloatConvCount", floatNode(ZEL_OP_FloatConv2d, 2, 4, ZEL_NN_PAD_SAME), "FloatConv2d: expects 3 inputs, got 2"},
-    ValidateCase{"FloatReluByteOutput", floatNode(ZEL_OP_FloatRelu, 1, 1),
+    ValidateCase{"FloatReluByteOutput", floatRelu(1),
                  "FloatRelu: output 0 (value) must have element size 4, got 1"}),
     [](const ::testing::TestParamInfo<ValidateCase>& i) { return std::string(i.param.name); });
 // clang-format on
-
-// Codes outside the contract have no entry; every entry validates.
-TEST(OpTable, KnowsOnlyTheContractsCodes) {
-    EXPECT_EQ(zelsim::findOp(ZEL_OP_Nop), nullptr);
-    EXPECT_EQ(zelsim::findOp(ZEL_OP_QuantizedActivation89), nullptr);
-    EXPECT_EQ(zelsim::findOp(-1), nullptr);
-    for (int32_t op : {ZEL_OP_INPUT, ZEL_OP_QuantizedConv2d_8x8to32, ZEL_OP_FloatConv2d, ZEL_OP_QuantizedLstm_8}) {
-        const OpSpec* s = zelsim::findOp(op);
-        ASSERT_NE(s, nullptr) << op;
-        EXPECT_NE(s->validate, nullptr) << op;
-    }
-}
 
 }  // namespace
 }  // namespace simops

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -23,11 +24,6 @@ namespace {
 
 std::string load(const std::string& text, LoadedModel& model) {
     return parseModel(text, "model.json", model, LoadOptions{});
-}
-
-std::string toHex(uint8_t byte) {
-    const char digits[] = "0123456789abcdef";
-    return {digits[byte >> 4], digits[byte & 15]};
 }
 
 std::string oneOperand(int32_t type, const std::string& dims, const std::string& data, const std::string& extra = "") {
@@ -64,8 +60,9 @@ TEST(Loader, StoresEveryOperandType) {
         const DataResult data = model.graph->getOperand(0)->getData();
         ASSERT_EQ(data.status, Status::SUCCESS) << f[0];
         std::string hex;
-        for (size_t i = 0; i < data.length; ++i) hex += (i ? " " : "") + toHex(data.data[i]);
-        EXPECT_EQ(hex, f[3]) << "type " << f[0];
+        char byte[4];
+        for (size_t i = 0; i < data.length; ++i) hex.append(byte, std::snprintf(byte, 4, " %02x", data.data[i]));
+        EXPECT_EQ(hex, " " + f[3]) << "type " << f[0];
         EXPECT_EQ(operandByteSize(*model.graph, 0), data.length) << "type " << f[0];
         if (perChannel) {
             EXPECT_EQ(model.graph->operand(0).mChannelScales, (std::vector<float>{0.5f, 2.0f}));
@@ -113,12 +110,6 @@ TEST(Partition, RunsOfSupportedOperationsAndTheirMacs) {
     EXPECT_EQ(p.macs, 2142u) << "the wrong-rank convolution counts no MACs";
 }
 
-std::vector<uint8_t> floatBytes(const std::vector<float>& values) {
-    std::vector<uint8_t> bytes(values.size() * 4);
-    std::memcpy(bytes.data(), values.data(), bytes.size());
-    return bytes;
-}
-
 // NaN never matches, whatever the tolerance.
 TEST(CompareOutputs, NanNeverMatches) {
     LoadedModel model;
@@ -126,7 +117,10 @@ TEST(CompareOutputs, NanNeverMatches) {
         "operations": [], "inputs": [], "outputs": [0], "expected": [[0.5, -1.0]], "tolerance": 1000})",
                    model),
               "");
-    const Comparison comparison = compareOutputs(model, {floatBytes({std::numeric_limits<float>::quiet_NaN(), -1.0f})});
+    const float values[2] = {std::numeric_limits<float>::quiet_NaN(), -1.0f};
+    std::vector<uint8_t> bytes(sizeof values);
+    std::memcpy(bytes.data(), values, sizeof values);
+    const Comparison comparison = compareOutputs(model, {bytes});
     EXPECT_EQ(comparison.mismatches, 1u);
     EXPECT_EQ(comparison.detail.rfind("output 0[0]: got nan", 0), 0u) << comparison.detail;
 }

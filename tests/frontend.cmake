@@ -3,8 +3,8 @@
 set(ZEL_FRONTEND_DEFINITIONS
   ZEL_PLUGIN_PATH="$<TARGET_FILE:ravine-acc-zel>"
   ZEL_RUNTIME_PATH="$<TARGET_FILE:zel_kestrel_runtime>"
-  ZEL_ZELRUN_PATH="$<TARGET_FILE:zelrun>"
   ZEL_EXAMPLES_DIR="${PROJECT_SOURCE_DIR}/examples"
+  ZEL_FRONTEND_DATA_DIR="${CMAKE_CURRENT_SOURCE_DIR}/frontend"
   ZEL_CONFORMANCE_DIR="${ZEL_CONFORMANCE_DIR}"
   ZEL_CROSSCOMPILING=$<BOOL:${CMAKE_CROSSCOMPILING}>)
 
@@ -21,12 +21,6 @@ zel_add_gtest(frontend_plugin_test
   LABELS frontend)
 target_compile_definitions(frontend_plugin_test PRIVATE ${ZEL_FRONTEND_DEFINITIONS})
 add_dependencies(frontend_plugin_test ravine-acc-zel)
-
-zel_add_gtest(frontend_zelrun_test
-  SOURCES frontend/zelrun_test.cpp
-  LABELS frontend)
-target_compile_definitions(frontend_zelrun_test PRIVATE ${ZEL_FRONTEND_DEFINITIONS})
-add_dependencies(frontend_zelrun_test zelrun ravine-acc-zel zel_kestrel_runtime)
 
 add_test(NAME conformance COMMAND zelrun --log off --conformance ${ZEL_CONFORMANCE_DIR})
 set_tests_properties(conformance PROPERTIES

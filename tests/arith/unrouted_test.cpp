@@ -9,11 +9,11 @@
 #include <vector>
 
 #include "log_capture.h"
-#include "zel_test_peers.h"
 #include "zel_model.h"
 #include "zel_operations_check_quant8.h"
 #include "zel_operations_prepare_float32.h"
 #include "zel_operations_prepare_quant8.h"
+#include "zel_test_peers.h"
 #include "zelhost/host_graph.h"
 #include "zelsim/control.h"
 

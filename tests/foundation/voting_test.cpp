@@ -16,8 +16,8 @@
 #include "foundation_support.h"
 #include "log_capture.h"
 #include "zel_accelerator.h"
-#include "zel_test_peers.h"
 #include "zel_model.h"
+#include "zel_test_peers.h"
 #include "zelhost/host_graph.h"
 
 namespace zel = arv::nnhal::zel;

@@ -158,6 +158,9 @@ void samePads(int64_t in, int64_t stride, int64_t filter, int32_t* head, int32_t
     }
 }
 
+// Largest element count of a shape handed to the runtime.
+constexpr int64_t kMaxShapeElements = 0x7FFFFFFF;
+
 // Reads the padding and strides starting at ins[first]. Implicit form: the
 // padding code, stride_w, stride_h. Explicit form: left, right, top, bottom,
 // stride_w, stride_h. The window size must already be in `window`. Strides
@@ -171,9 +174,17 @@ bool readWindow(::zel_detail::Source at, ZelModel* model, const Ins& ins, bool e
     window->strideH = model->getScalar<int32_t>(ins[strides + 1]);
     ZEL_CHECK_LE_IN(at, 1, window->strideW, false, "Stride must be at least 1 for " << toString(type));
     ZEL_CHECK_LE_IN(at, 1, window->strideH, false, "Stride must be at least 1 for " << toString(type));
+    // The strides (and a pooling window) reach the runtime as the shape
+    // 1 x h x w x 1, which may hold at most INT32_MAX elements.
+    const int64_t strideElements = static_cast<int64_t>(window->strideW) * window->strideH;
+    ZEL_CHECK_LE_IN(at, strideElements, kMaxShapeElements, false,
+                    "Strides must form a runtime shape of at most 2147483647 elements for " << toString(type));
     if (pooling) {
         ZEL_CHECK_LE_IN(at, 1, window->filterW, false, "Window must be at least 1 for " << toString(type));
         ZEL_CHECK_LE_IN(at, 1, window->filterH, false, "Window must be at least 1 for " << toString(type));
+        const int64_t windowElements = static_cast<int64_t>(window->filterW) * window->filterH;
+        ZEL_CHECK_LE_IN(at, windowElements, kMaxShapeElements, false,
+                        "Window must form a runtime shape of at most 2147483647 elements for " << toString(type));
     }
     const int32_t inW = static_cast<int32_t>(getSizeOfDimension(input, 2));
     const int32_t inH = static_cast<int32_t>(getSizeOfDimension(input, 1));

@@ -214,7 +214,7 @@ def main():
         floor = transposes + runtime
         ratio = prep / floor
         return ("%.2f× (%s against %s: transposes %s + the runtime's copies into fresh buffers %s). Against one "
-                "memcpy of its %s of constants (%s): preparation %.2f×, the unavoidable part %.2f×" %
+                "memcpy of its %s of constants (%s): preparation %.2f×, the unavoidable work %.2f×" %
                 (ratio, seconds(prep), seconds(floor), seconds(transposes), seconds(runtime),
                  si(c("prepare", "mobilenet", 2)["bytes"], "B"), seconds(copy), prep / copy, floor / copy),
                 ratio <= 1.5)

@@ -148,17 +148,17 @@ bool boundaryTensor(HostGraph& graph, uint32_t index) {
     return !operand.mDims.empty() && operand.mDims.size() <= 4;
 }
 
-// True when operand `b` broadcasts against operand `a` (sizes aligned from
-// the last, each pair equal or one of them 1, at most 4 dimensions).
-bool broadcasts(HostGraph& graph, uint32_t a, uint32_t b) {
-    if (a >= graph.getOperandCount() || b >= graph.getOperandCount()) return false;
-    const auto& da = graph.operand(a).mDims;
-    const auto& db = graph.operand(b).mDims;
-    if (da.size() > 4 || db.size() > 4) return false;
-    for (size_t i = 1; i <= std::min(da.size(), db.size()); ++i) {
-        const uint32_t x = da[da.size() - i];
-        const uint32_t y = db[db.size() - i];
-        if (x != y && x != 1 && y != 1) return false;
+// True when `alpha` broadcasts into the shape of `input` (sizes aligned from
+// the last, each alpha size 1 or the input's, no more dimensions than the
+// input, at most 4).
+bool broadcastsInto(HostGraph& graph, uint32_t input, uint32_t alpha) {
+    if (input >= graph.getOperandCount() || alpha >= graph.getOperandCount()) return false;
+    const auto& di = graph.operand(input).mDims;
+    const auto& da = graph.operand(alpha).mDims;
+    if (di.size() > 4 || da.size() > di.size()) return false;
+    for (size_t i = 1; i <= da.size(); ++i) {
+        const uint32_t y = da[da.size() - i];
+        if (y != 1 && y != di[di.size() - i]) return false;
     }
     return true;
 }
@@ -175,10 +175,11 @@ bool knownGap(HostGraph& graph) {
             operation.mType == OperationType::AVERAGE_POOL_2D || operation.mType == OperationType::MAX_POOL_2D;
         // A pooling operation with more than one output.
         if (pooling && operation.mOutputs.size() > 1) return true;
-        // A PRELU whose alpha does not broadcast against its input: the
-        // alpha is counted, not examined.
+        // A PRELU whose alpha does not broadcast into its input's shape
+        // (the output takes the input's shape): the alpha is counted, not
+        // examined.
         if (operation.mType == OperationType::PRELU && operation.mInputs.size() == 2 &&
-            !broadcasts(graph, operation.mInputs[0], operation.mInputs[1])) {
+            !broadcastsInto(graph, operation.mInputs[0], operation.mInputs[1])) {
             return true;
         }
         // An operation reading a value that is neither a graph input nor a

@@ -148,13 +148,14 @@ bool boundaryTensor(HostGraph& graph, uint32_t index) {
     return !operand.mDims.empty() && operand.mDims.size() <= 4;
 }
 
-// True when `alpha` broadcasts into the shape of `input` (sizes aligned from
-// the last, each alpha size 1 or the input's, no more dimensions than the
-// input, at most 4).
+// True when `alpha` is an 8-bit tensor that broadcasts into the shape of
+// `input` (sizes aligned from the last, each alpha size 1 or the input's, no
+// more dimensions than the input, at most 4).
 bool broadcastsInto(HostGraph& graph, uint32_t input, uint32_t alpha) {
     if (input >= graph.getOperandCount() || alpha >= graph.getOperandCount()) return false;
     const auto& di = graph.operand(input).mDims;
     const auto& da = graph.operand(alpha).mDims;
+    if (graph.operand(alpha).mType != OperandType::TENSOR_QUANT8) return false;
     if (di.size() > 4 || da.size() > di.size()) return false;
     for (size_t i = 1; i <= da.size(); ++i) {
         const uint32_t y = da[da.size() - i];
@@ -175,9 +176,9 @@ bool knownGap(HostGraph& graph) {
             operation.mType == OperationType::AVERAGE_POOL_2D || operation.mType == OperationType::MAX_POOL_2D;
         // A pooling operation with more than one output.
         if (pooling && operation.mOutputs.size() > 1) return true;
-        // A PRELU whose alpha does not broadcast into its input's shape
-        // (the output takes the input's shape): the alpha is counted, not
-        // examined.
+        // A PRELU whose alpha is not an 8-bit tensor broadcasting into its
+        // input's shape (the output takes the input's shape): the alpha is
+        // counted, not examined.
         if (operation.mType == OperationType::PRELU && operation.mInputs.size() == 2 &&
             !broadcastsInto(graph, operation.mInputs[0], operation.mInputs[1])) {
             return true;

@@ -1,6 +1,6 @@
 # Runtime simulator: graph store, entry points, validation, faults.
 zel_add_gtest(sim_test
-  SOURCES sim/store_test.cpp sim/faults_test.cpp sim/validate_test.cpp
+  SOURCES sim/store_test.cpp sim/faults_test.cpp
   LIBS zel_kestrel_runtime
   LABELS sim)
 

@@ -1,8 +1,7 @@
-# Simulator kernels and per-node validation, linked straight to zelsim_ops.
+# Simulator kernels, linked straight to zelsim_ops.
 zel_add_gtest(simops_test
   SOURCES
     simops/accumulate_test.cpp
-    simops/validate_test.cpp
     simops/kernels_test.cpp
   LIBS zelsim_ops
   LABELS simops)

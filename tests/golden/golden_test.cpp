@@ -1,11 +1,14 @@
 // Plays every scenario folder beside this file through the built plug-in
 // library (loaded with dlopen by the host's plug-in loader, as zelrun does)
 // on the runtime simulator, and compares what happened with the expected
-// files of the folder. GOLDEN_UPDATE=1 rewrites the expected files.
+// files of the folder. GOLDEN_UPDATE=1 rewrites the expected files. A
+// folder with graph.txt instead of model.json makes the runtime calls it
+// lists itself, on one runtime graph.
 #include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <cmath>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <regex>
@@ -20,13 +23,12 @@
 #include "zelhost/names.h"
 #include "zelhost/plugin_loader.h"
 #include "zelsim/control.h"
+#include "zelsim/ops.h"
 
 using namespace arv::nnhal;
 using namespace arv::nnhal::host;
 
 namespace {
-
-const char* const kExpectedFiles[] = {"support.txt", "log.txt", "nodes.txt", "status.txt", "outputs.txt", "host.txt"};
 
 PluginLoader& plugin() {
     static PluginLoader* loader = [] {
@@ -143,6 +145,142 @@ std::string logText(const std::vector<zeltest::LogLine>& lines) {
     return out;
 }
 
+// Runtime-graph scenarios. graph.txt holds one call per line, written as
+// the simulator's listing writes nodes:
+//   node ID: OP [pad=P] [in=[SRC:IDX, ...]] [out=[TYPE BxHx..., ...]]
+//   const ID: BxHxWxD (u8|i32|f32) VALUES... | TYPE fill V | bytes N | null N
+//   prepare | passthrough on | passthrough off
+// and comments from '#' on.
+// OP is a ZEL_OP_ name (prefix optional) or a code; an output's type word
+// gives its element size (u8, i16/u16, i32/f32, eN) and its dims its rank.
+const std::regex kNodeLine(R"(node (\d+): (\w+)(?: pad=(-?\d+))?(?: in=\[([^\]]*)\])?(?: out=\[([^\]]*)\])?)");
+const std::regex kConstLine(R"(const (\d+): (\d+)x(\d+)x(\d+)x(\d+) (?:(bytes|null) (\d+)|(u8|i32|f32) (fill )?(.+)))");
+const std::regex kInputItem(R"( *(\d+):(\d+) *)");
+const std::regex kOutputItem(R"( *(u8|[iu]16|[if]32|e(\d+)) (\d+(?:x\d+){0,7}) *)");
+
+// Calls `item` with the match of every element of a comma-separated list;
+// false when one does not match.
+template <typename F>
+bool forEachItem(const std::string& list, const std::regex& pattern, F item) {
+    std::stringstream in(list);
+    std::string part;
+    std::smatch m;
+    while (std::getline(in, part, ',')) {
+        if (!std::regex_match(part, m, pattern)) return false;
+        item(m);
+    }
+    return true;
+}
+
+int32_t opCode(const std::string& name) {
+    if (name.find_first_not_of("0123456789") == std::string::npos) return std::stoi(name);
+    const std::string bare = name.compare(0, 7, "ZEL_OP_") == 0 ? name.substr(7) : name;
+    for (int32_t op = 0; op < 1000; ++op) {
+        if (zelsim::findOp(op) != nullptr && bare == zelsim::findOp(op)->name) return op;
+    }
+    throw std::invalid_argument("unknown op name");
+}
+
+bool appendNode(int graph, const std::smatch& m, int* result) {
+    std::vector<kestrel_zel_nn_input> inputs;
+    std::vector<kestrel_zel_nn_output> outputs;
+    const bool read = forEachItem(m[4], kInputItem,
+                                  [&](const std::smatch& i) {
+                                      inputs.push_back({uint32_t(std::stoul(i[1])), uint32_t(std::stoul(i[2]))});
+                                  }) &&
+                      forEachItem(m[5], kOutputItem, [&](const std::smatch& o) {
+                          kestrel_zel_nn_output r{};
+                          const std::string type = o[1];
+                          r.elementsize = o[2].matched ? std::stoul(o[2]) : type == "u8" ? 1 : type[1] == '1' ? 2 : 4;
+                          std::stringstream dims(o[3]);
+                          for (std::string d; std::getline(dims, d, 'x');)
+                              r.max_sizes[r.rank++] = uint32_t(std::stoul(d));
+                          outputs.push_back(r);
+                      });
+    if (!read) return false;
+    *result = kestrel_zel_nn_append_node(graph, std::stoul(m[1]), zel_op_type_enum(opCode(m[2])),
+                                         m[3].matched ? std::stoi(m[3]) : 0, inputs.data(), inputs.size(),
+                                         outputs.data(), outputs.size());
+    return true;
+}
+
+bool appendConst(int graph, const std::smatch& m, int* result) {
+    uint32_t dims[4];
+    uint64_t count = 1;
+    for (int i = 0; i < 4; ++i) count *= dims[i] = uint32_t(std::stoul(m[2 + i]));
+    std::vector<uint8_t> bytes;
+    if (m[6].matched) {
+        bytes.resize(std::stoul(m[7]));
+    } else {
+        std::vector<double> values;
+        std::stringstream in(m[10]);
+        for (std::string word; in >> word;) values.push_back(std::stod(word));
+        if (m[9].matched && values.size() == 1 && count <= (1u << 24)) values.assign(count, values[0]);
+        if (values.size() != count) return false;
+        const bool u8 = m[8] == "u8", f32 = m[8] == "f32";
+        for (double v : values) {
+            if (!f32 && (v != std::trunc(v) || v < (u8 ? 0.0 : INT32_MIN) || v > (u8 ? 255.0 : INT32_MAX)))
+                return false;
+            const int32_t i = f32 ? 0 : int32_t(v);
+            const float f = float(v);
+            const uint8_t* p = f32 ? reinterpret_cast<const uint8_t*>(&f) : reinterpret_cast<const uint8_t*>(&i);
+            bytes.insert(bytes.end(), p, p + (u8 ? 1 : 4));  // little-endian, as the runtime reads them
+        }
+    }
+    *result = kestrel_zel_nn_append_const_node(graph, std::stoul(m[1]), dims[0], dims[1], dims[2], dims[3],
+                                               m[6] == "null" ? nullptr : bytes.data(), bytes.size());
+    return true;
+}
+
+// Plays `text` (graph.txt) on one runtime graph: every call line with its
+// result and, when it changed, getlog's text; then the graph's listing.
+// Returns "" or the line it cannot read.
+std::string playGraph(const std::string& path, const std::string& text, std::string* out) {
+    int graph = 0;
+    if (kestrel_zel_nn_init(&graph) != 0) return "init failed";
+    std::stringstream in(text);
+    std::string line, shownLog, error;
+    for (int number = 1; error.empty() && std::getline(in, line); ++number) {
+        line = line.substr(0, line.find('#'));  // comments
+        line.erase(line.find_last_not_of(' ') + 1);
+        if (line.empty()) continue;
+        std::smatch m;
+        int result = 0;
+        bool read = true;
+        try {
+            if (std::regex_match(line, m, kNodeLine)) {
+                read = appendNode(graph, m, &result);
+            } else if (std::regex_match(line, m, kConstLine)) {
+                read = appendConst(graph, m, &result);
+            } else if (line == "prepare") {
+                result = kestrel_zel_nn_prepare(graph);
+            } else if (line == "passthrough on" || line == "passthrough off") {
+                zelsim::setPassThrough(line == "passthrough on");
+                *out += line + "\n";
+                continue;
+            } else {
+                read = false;
+            }
+        } catch (const std::exception&) {  // a number out of range, an unknown op name
+            read = false;
+        }
+        if (!read) {
+            error = path + ":" + std::to_string(number) + ": cannot read '" + line + "'";
+            break;
+        }
+        *out += line + "  -> " + std::to_string(result) + "\n";
+        std::vector<unsigned char> buffer(4096, 0);
+        kestrel_zel_nn_getlog(graph, buffer.data(), buffer.size() - 1);
+        const std::string log(reinterpret_cast<const char*>(buffer.data()));
+        if (log != shownLog) *out += "  getlog: " + log + "\n";
+        shownLog = log;
+    }
+    *out += std::string("prepared: ") + (zelsim::graphPrepared(graph) ? "yes" : "no") + "\nlisting:\n" +
+            zelsim::renderText(graph);
+    kestrel_zel_nn_teardown(graph);
+    return error;
+}
+
 struct Played {
     std::map<std::string, std::string> files;
     std::string error;  // the scenario itself is broken
@@ -159,14 +297,6 @@ Played play(const std::string& dir) {
             return played;
         }
     }
-    std::vector<std::string> steps = {"query", "create", "execute"};
-    if (scenario.contains("steps")) steps = scenario["steps"].get<std::vector<std::string>>();
-    LoadOptions options;
-    options.checkIndices = !scenario.value("lenient", false);
-    LoadedModel model;
-    played.error = loadModelFile(dir + "/model.json", model, options);
-    if (!played.error.empty()) return played;
-
     zelsim::reset();
     const std::string notesBefore = zelsim::notes();
     zelsim::armFaults(scenario.value("faults", ""));
@@ -174,6 +304,17 @@ Played play(const std::string& dir) {
         played.error = "faults: " + zelsim::notes().substr(notesBefore.size());
         return played;
     }
+    if (readFile(dir + "/graph.txt", text)) {
+        played.error = playGraph(dir + "/graph.txt", text, &played.files["runtime.txt"]);
+        return played;
+    }
+    std::vector<std::string> steps = {"query", "create", "execute"};
+    if (scenario.contains("steps")) steps = scenario["steps"].get<std::vector<std::string>>();
+    LoadOptions options;
+    options.checkIndices = !scenario.value("lenient", false);
+    LoadedModel model;
+    played.error = loadModelFile(dir + "/model.json", model, options);
+    if (!played.error.empty()) return played;
 
     HostTrace trace;
     TracingGraph graph(*model.graph, trace, scenario.value("host", nlohmann::json::object()));
@@ -279,12 +420,13 @@ TEST_P(Golden, Scenario) {
         for (const auto& file : played.files) std::ofstream(dir + "/" + file.first, std::ios::binary) << file.second;
         return;
     }
-    for (const char* name : kExpectedFiles) {
+    for (const auto& file : played.files) {
         std::string expected;
-        ASSERT_TRUE(readFile(dir + "/" + name, expected))
-            << dir << " has no " << name << ": run GOLDEN_UPDATE=1 ctest -R golden and review the files it writes";
-        EXPECT_EQ(expected, played.files.at(name))
-            << GetParam() << "/" << name << " differs at " << firstDifference(expected, played.files.at(name));
+        ASSERT_TRUE(readFile(dir + "/" + file.first, expected))
+            << dir << " has no " << file.first
+            << ": run GOLDEN_UPDATE=1 ctest -R golden and review the files it writes";
+        EXPECT_EQ(expected, file.second) << GetParam() << "/" << file.first << " differs at "
+                                         << firstDifference(expected, file.second);
     }
 }
 

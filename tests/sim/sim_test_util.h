@@ -23,18 +23,14 @@ inline kestrel_zel_nn_output rec(uint32_t b, uint32_t h, uint32_t w, uint32_t d,
     return r;
 }
 
-inline kestrel_zel_nn_output range() {
-    return rec(1, 1, 1, 1, 4);
-}
-
 inline std::string getlog(int graphId) {
     std::vector<unsigned char> buf(4096, 0xAA);
     if (kestrel_zel_nn_getlog(graphId, buf.data(), static_cast<unsigned>(buf.size())) != 0) return "<getlog failed>";
     return std::string(reinterpret_cast<const char*>(buf.data()));
 }
 
-// One runtime graph, appended node by node; ids are given by the caller so
-// that tests can break the id rules on purpose.
+// One runtime graph, appended constant by constant; ids are given by the
+// caller so that tests can break the id rules on purpose.
 class Graph {
 public:
     Graph() { EXPECT_EQ(0, kestrel_zel_nn_init(&mId)); }
@@ -44,12 +40,6 @@ public:
 
     int id() const { return mId; }
 
-    int node(uint32_t nodeId, int32_t op, std::vector<kestrel_zel_nn_input> inputs,
-             std::vector<kestrel_zel_nn_output> outputs, int padding = 0) {
-        return kestrel_zel_nn_append_node(mId, nodeId, static_cast<zel_op_type_enum>(op), padding, inputs.data(),
-                                          static_cast<unsigned>(inputs.size()), outputs.data(),
-                                          static_cast<unsigned>(outputs.size()));
-    }
     int constant(uint32_t nodeId, uint32_t b, uint32_t h, uint32_t w, uint32_t d, const std::vector<uint8_t>& bytes) {
         return kestrel_zel_nn_append_const_node(mId, nodeId, b, h, w, d, bytes.empty() ? nullptr : bytes.data(),
                                                 static_cast<unsigned>(bytes.size()));

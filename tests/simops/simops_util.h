@@ -1,4 +1,4 @@
-// Builders for one-node runs of the simulator's kernels and validations.
+// Builders for one-node runs of the simulator's kernels.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -13,7 +13,6 @@
 
 namespace simops {
 
-using zelsim::InputInfo;
 using zelsim::NodeDesc;
 using zelsim::OpSpec;
 using zelsim::Tensor;
@@ -114,83 +113,6 @@ struct OpRun {
         std::vector<const Tensor*> p;
         for (const Tensor& t : ins) p.push_back(&t);
         return entry->execute(node, p, outs, &error);
-    }
-};
-
-inline kestrel_zel_nn_output record(D4 d, uint32_t elementSize) {
-    kestrel_zel_nn_output r{};
-    r.rank = 4;
-    r.max_sizes[0] = d.b, r.max_sizes[1] = d.h, r.max_sizes[2] = d.w, r.max_sizes[3] = d.c;
-    r.elementsize = elementSize;
-    return r;
-}
-
-// A node as validation sees it; owns the records and constant bytes, and
-// builds the InputInfo list (pointing into itself) at validation time, so
-// copies stay valid.
-struct NodeCheck {
-    enum Kind { kRecord, kConst, kNone };
-    struct Input {
-        Kind kind;
-        size_t index;
-        D4 dims;
-    };
-    NodeDesc node;
-    std::vector<kestrel_zel_nn_output> records;
-    std::vector<std::vector<uint8_t>> consts;
-    std::vector<Input> inputs;
-
-    explicit NodeCheck(int32_t op, int32_t padding = 0) {
-        node.op = op;
-        node.padding = padding;
-    }
-    NodeCheck& add(Kind kind, size_t index, D4 d) {
-        inputs.push_back({kind, index, d});
-        node.inputs.push_back({kind == kNone ? 0u : static_cast<uint32_t>(inputs.size()), 0});
-        return *this;
-    }
-    // An operation output feeding the node.
-    NodeCheck& value(D4 d, uint32_t elementSize) {
-        records.push_back(record(d, elementSize));
-        return add(kRecord, records.size() - 1, d);
-    }
-    NodeCheck& constant(D4 d, std::vector<uint8_t> data) {
-        consts.push_back(std::move(data));
-        return add(kConst, consts.size() - 1, d);
-    }
-    NodeCheck& bytes(D4 d) { return constant(d, std::vector<uint8_t>(d.count(), 7)); }
-    // An input that refers to nothing.
-    NodeCheck& none() { return add(kNone, 0, {0, 0, 0, 0}); }
-    // Scalar inputs, e.g. the ranges of the inputs.
-    NodeCheck& scalars(std::initializer_list<float> values) {
-        for (float v : values) constant({1, 1, 1, 1}, bytesOf(std::vector<float>{v}));
-        return *this;
-    }
-    NodeCheck& int32s(D4 d, const std::vector<int32_t>& v) { return constant(d, bytesOf(v)); }
-    NodeCheck& shape(uint32_t h, uint32_t w) { return constant({1, h, w, 1}, std::vector<uint8_t>(4, 0)); }
-    NodeCheck& out(D4 d, uint32_t elementSize) {
-        node.outputs.push_back(record(d, elementSize));
-        return *this;
-    }
-    NodeCheck& quantOut(D4 d, uint32_t elementSize) {
-        return out(d, elementSize).out({1, 1, 1, 1}, 4).out({1, 1, 1, 1}, 4);
-    }
-    std::string validate() const {
-        const OpSpec* entry = zelsim::findOp(node.op);
-        if (!entry) return "unknown op";
-        std::vector<InputInfo> infos;
-        for (const Input& i : inputs) {
-            InputInfo info;
-            if (i.kind == kRecord) info.record = &records[i.index];
-            if (i.kind == kConst) {
-                info.isConst = true;
-                info.constDims[0] = i.dims.b, info.constDims[1] = i.dims.h;
-                info.constDims[2] = i.dims.w, info.constDims[3] = i.dims.c;
-                info.constData = &consts[i.index];
-            }
-            infos.push_back(info);
-        }
-        return entry->validate(node, infos);
     }
 };
 

@@ -66,7 +66,8 @@ private:
 
 // Also answers like a broken host where the scenario's "host" object says:
 // null for operand `null_operand` and for operation `null_operation`, and
-// null operations from call `operations_before_null` + 1 of getOperation on.
+// null operations from call `operations_before_null` + 1 of getOperation on;
+// all of it from step `from_step` on when that is given.
 class TracingGraph : public IGraph {
 public:
     TracingGraph(IGraph& graph, HostTrace& trace, const nlohmann::json& broken)
@@ -74,17 +75,20 @@ public:
           mTrace(trace),
           mNullOperand(broken.value("null_operand", UINT32_MAX)),
           mNullOperation(broken.value("null_operation", UINT32_MAX)),
-          mOperationsBeforeNull(broken.value("operations_before_null", UINT32_MAX)) {}
+          mOperationsBeforeNull(broken.value("operations_before_null", UINT32_MAX)),
+          mFromStep(broken.value("from_step", "")),
+          mBroken(mFromStep.empty()) {}
+    void startStep(const std::string& step) { mBroken = mBroken || step == mFromStep; }
     uint32_t getOperandCount() const override { return mGraph.getOperandCount(); }
     IOperand* getOperand(uint32_t index) const override {
-        return index == mNullOperand ? nullptr : mGraph.getOperand(index);
+        return mBroken && index == mNullOperand ? nullptr : mGraph.getOperand(index);
     }
     uint32_t getOperationCount() const override {
         mTrace.add("count");
         return mGraph.getOperationCount();
     }
     IOperation* getOperation(uint32_t index) const override {
-        const bool broken = ++mOperationCalls > mOperationsBeforeNull || index == mNullOperation;
+        const bool broken = mBroken && (++mOperationCalls > mOperationsBeforeNull || index == mNullOperation);
         return broken ? nullptr : mGraph.getOperation(index);
     }
     uint32_t getInputCount() const override { return mGraph.getInputCount(); }
@@ -98,6 +102,8 @@ private:
     IGraph& mGraph;
     HostTrace& mTrace;
     const uint32_t mNullOperand, mNullOperation, mOperationsBeforeNull;
+    const std::string mFromStep;
+    bool mBroken;
     mutable uint32_t mOperationCalls = 0;
 };
 
@@ -334,6 +340,7 @@ Played play(const std::string& dir) {
         IoBuffers buffers = makeBuffers(model);
         int executions = 0;
         for (const std::string& step : steps) {
+            graph.startStep(step);
             if (step == "query") {
                 TracingQuery query(trace);
                 accelerator->isGraphSupported(&graph, &query);

@@ -25,8 +25,8 @@ TEST(ShapeRecord, MeasuresAndCompares) {
     EXPECT_FALSE(SameShape(q8({1, 2}), q8({2, 1})));
 }
 
-// A declared output of another type or rank is refused silently: golden
-// scenarios.
+// SetShape keeps the output's quantization. A declared output of another
+// type or rank is refused without a line (golden scenarios: ADD, RELU).
 TEST(ShapeRecord, SetShapeCopiesDimensionsOnly) {
     zeltest::LogCapture log;
     Shape out = q8({9, 9}, 0.25f, 3);

@@ -1,6 +1,7 @@
-// Shape record helpers and the output shapes the support checks infer: what
-// each inference writes (and keeps) in the output record, and one table of
-// refusals, each one line and no write.
+// Shape record helpers and the output shapes the support checks infer, where
+// no graph reaches them: float forms, operations outside the support table,
+// empty or missing arguments, and what an inference writes (and keeps) in
+// the output record. The refusals a graph reaches are golden scenarios.
 #include <functional>
 
 #include "arith_test_util.h"
@@ -24,31 +25,21 @@ TEST(ShapeRecord, MeasuresAndCompares) {
     EXPECT_FALSE(SameShape(q8({1, 2}), q8({2, 1})));
 }
 
-TEST(ShapeRecord, SetShapeCopiesDimensionsOnlyAndFailsSilently) {
+// SetShape keeps the output's quantization. A declared output of another
+// type or rank is refused without a line (golden scenarios: ADD, RELU).
+TEST(ShapeRecord, SetShapeCopiesDimensionsOnly) {
     zeltest::LogCapture log;
     Shape out = q8({9, 9}, 0.25f, 3);
     EXPECT_TRUE(SetShape(q8({2, 5}, 1.0f, 100), &out));
     expectSameRecord(out, q8({2, 5}, 0.25f, 3));
-
-    Shape wrongType = i32({9, 9});
-    EXPECT_FALSE(SetShape(q8({2, 5}), &wrongType));
-    Shape wrongRank = q8({9});
-    EXPECT_FALSE(SetShape(q8({2, 5}), &wrongRank));
-    EXPECT_EQ(wrongRank.dimensions, (Dims{9}));
     EXPECT_TRUE(log.texts().empty());
 
     EXPECT_FALSE(SetShape(q8({2}), nullptr));
     EXPECT_EQ(log.errors().size(), 1u);
 }
 
-Call add(Shape a, Shape b) {
-    return [=](Shape* o) { return addMulPrepare(a, b, o); };
-}
 Call conv(Shape in, Shape filter, Shape bias) {
     return [=](Shape* o) { return convPrepare(in, filter, bias, 0, 1, 0, 1, 2, 2, o); };
-}
-Call depthwise(Shape in, Shape filter, Shape bias) {
-    return [=](Shape* o) { return depthwiseConvPrepare(in, filter, bias, 1, 1, 1, 1, 1, 1, o); };
 }
 Call fc(Shape in, Shape weights, Shape bias) {
     return [=](Shape* o) { return fullyConnectedPrepare(in, weights, bias, o); };
@@ -61,34 +52,25 @@ Call reshape(Dims in, std::vector<int32_t> target) {
 }
 
 // What a successful inference writes: dimensions always, the type and
-// quantization only where the operation defines them. The plain shapes of
-// the routed operations are pinned by the conformance run; these rows are
-// the edges it does not reach.
+// quantization only where the operation defines them.
 TEST(ShapeInference, WritesTheOutputRecord) {
     const struct {
         const char* name;
         Call call;
         Shape before, after;
     } cases[] = {
-        // Broadcast takes the larger rank and leaves the output's type alone.
-        {"broadcast", add(q8({2, 1, 4}), q8({3, 1})), i32({}), i32({2, 3, 4})},
-        {"broadcast lower rank first", add(q8({5}), q8({2, 1, 1})), i32({}), i32({2, 1, 5})},
         // A zero stride yields 0, no trap.
         {"float conv, zero stride",
          [](Shape* o) {
              return convPrepare(f32({1, 5, 7, 2}), f32({4, 3, 3, 2}), f32({4}), 1, 1, 0, 0, 1, 0, o);
          },
          f32({}), f32({1, 0, 7, 4})},
-        // Depth multiplier 2: input depth 2, filter depth 4.
-        {"depthwise", depthwise(q8({1, 8, 8, 2}), q8({1, 3, 3, 4}), i32({4})), Shape(), q8({1, 8, 8, 4}, 0.0f)},
         // H: (5 + 0 + 0 + 2 - 3) / 2 = 2, W: (4 + 0 + 1 + 2 - 2) / 2 = 2
         {"pooling",
          [](Shape* o) {
              return genericPoolingPrepare(q8({2, 5, 4, 3}), 0, 1, 0, 0, 2, 2, 2, 3, o);
          },
          Shape(), q8({2, 2, 2, 3}, 0.0f)},
-        {"fully connected flattens to batches", fc(q8({2, 3, 4}), q8({5, 12}), i32({5})), q8({}, 0.25f, 1),
-         q8({2, 5}, 0.25f, 1)},
         // Float inputs are not held to one quantization.
         {"float concatenation", concat({f32({2, 3}), shapeOf(OperandType::TENSOR_FP32, {4, 3}, 2.0f, 5)}, 0), f32({}),
          f32({6, 3})},
@@ -99,11 +81,6 @@ TEST(ShapeInference, WritesTheOutputRecord) {
              return reshapePrepare(q8({1, 1}), nullptr, 0, o);
          },
          q8({9}), q8({})},
-        {"resize: height then width",
-         [](Shape* o) {
-             return resizeBilinearPrepare(q8({2, 4, 4, 3}), 5, 7, o);
-         },
-         Shape(), q8({2, 7, 5, 3}, 0.0f)},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -118,62 +95,21 @@ TEST(ShapeInference, WritesTheOutputRecord) {
 TEST(ShapeInference, RefusalsLogOneLineAndWriteNothing) {
     const Shape conc = q8({1, 2, 2, 3}, 0.5f, 3);
     const Shape conc1 = q8({1, 2, 2, 1}, 0.5f, 3);
-    Shape otherType = conc1;
-    otherType.type = OperandType::TENSOR_INT32;
-    const Shape q8Filter = q8({32, 3, 3, 3});
     const struct {
         Call call;
         std::string line;
     } cases[] = {
-        {add(q8({2, 3}), q8({4, 3})), "Dimensions mismatch for BroadcastAdd"},
-        {add(q8({1, 1, 1, 1, 2}), q8({2})),
-         nnCheck("getNumberOfDimensions(in1) <= 4 && getNumberOfDimensions(in2) <= 4")},
-        {add(q8({2, 3}), i32({2, 3})), nnCheck("in1.type == in2.type")},
-        {conv(q8({1, 224, 224, 3}), f32({32, 3, 3, 3}), i32({32})), nnCheck("input.type == filter.type")},
-        {conv(q8({1, 224, 224, 3}), q8Filter, q8({32})), nnCheck("bias.type == OperandType::TENSOR_INT32")},
         {conv(f32({1, 224, 224, 3}), f32({32, 3, 3, 3}), i32({32})), nnCheck("input.type == bias.type")},
-        {conv(q8({1, 224, 224, 3}), q8Filter, i32({16})),
-         nnCheck("getSizeOfDimension(filter, 0) == getSizeOfDimension(bias, 0)")},
-        {depthwise(q8({1, 224, 224, 3}), q8({1, 3, 3, 3}), i32({32})),
-         nnCheck("getSizeOfDimension(filter, 3) == getSizeOfDimension(bias, 0)")},
-        {[](Shape* o) {
-             return genericPoolingPrepare(q8({5, 4, 3}), 0, 0, 0, 0, 1, 1, 1, 1, o);
-         },
-         nnCheck("getNumberOfDimensions(input) == 4")},
-        {[](Shape* o) {
-             return genericActivationPrepare(q8({1, 1, 2, 3, 4}), o);
-         },
-         nnCheck("getNumberOfDimensions(input) <= 4")},
         {[](Shape* o) {
              return genericNormalizationPrepare(q8({2, 3, 4}), o);
          },
          nnCheck("getNumberOfDimensions(input) == 4")},
-        {fc(q8({2, 3, 4}), f32({5, 12}), i32({5})), nnCheck("input.type == weights.type")},
         {fc(f32({2, 3, 4}), f32({5, 12}), i32({5})), nnCheck("input.type == bias.type")},
-        {fc(q8({2, 3, 4}), q8({5}), i32({5})), nnCheck("depth != 0")},
-        {fc(q8({2, 3, 4}), q8({5, 12}), i32({4})), nnCheck("getSizeOfDimension(bias, 0) == num_units")},
-        {fc(q8({2, 3, 4}), q8({5, 7}), i32({5})), nnCheck("getSizeOfDimension(weights, 1) * batch_size == input_size")},
-        {fc(q8({2, 3, 4}), q8({5, 12, 1}), i32({5})), nnCheck("getNumberOfDimensions(weights) == 2")},
         {concat({conc, conc1}, -1), nnCheck("axis >= 0")},
         {concat({conc, conc1}, 4), nnCheck("axis < (int32_t)num_dimensions")},
         {concat({}, 0), nnCheck("axis < (int32_t)num_dimensions")},
-        {concat({conc, otherType}, 3), nnCheck("inputShapes[i].type == inputShapes[0].type")},
-        {concat({conc, q8({1, 3, 2, 1}, 0.5f, 3)}, 3),
-         nnCheck("getSizeOfDimension(inputShapes[0], d) == getSizeOfDimension(inputShapes[i], d)")},
-        // The output record is untouched(): its offset differs from the inputs'.
-        {concat({conc, conc1}, 3), nnCheck("inputShapes[0].offset == output->offset")},
-        {reshape({1, 2, 3, 4}, {-1, -1}), nnCheck("strechDim == -1")},
-        {reshape({1, 2, 3, 4}, {5, 5}), nnCheck("numInputElements == numOutputElements")},
-        // Negative entries must not cancel out: -2 * -12 is not 24 elements.
-        {reshape({2, 12}, {-2, -12}), nnCheck("numInputElements == numOutputElements")},
-        // 65536 * 65537 wraps to 65536 in 32 bits.
-        {reshape({65536}, {65536, 65537}), nnCheck("numInputElements == numOutputElements")},
         {[](Shape* o) { return reshapePrepare(q8({4}), nullptr, 2, o); },
          nnCheck("targetDims != nullptr || targetDimsSize == 0")},
-        {[](Shape* o) {
-             return resizeBilinearPrepare(q8({4, 4, 3}), 5, 7, o);
-         },
-         nnCheck("getNumberOfDimensions(input) == 4")},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.line);
@@ -183,13 +119,10 @@ TEST(ShapeInference, RefusalsLogOneLineAndWriteNothing) {
     }
 }
 
-// Refused without a line: a declared output of another type or rank.
+// Refused without a line: a declared output of another type.
 TEST(ShapeInference, DeclaredOutputMismatchRefusesSilently) {
     zeltest::LogCapture log;
-    Shape badRank = q8({6});
-    EXPECT_FALSE(addMulPrepare(q8({2, 3}), q8({2, 3}), &badRank));
     Shape floatOut = f32({0, 0});
-    EXPECT_FALSE(genericActivationPrepare(q8({3, 4}), &floatOut));
     EXPECT_FALSE(floorPrepare(q8({3, 4}), &floatOut));
     EXPECT_TRUE(log.texts().empty());
 

@@ -4,7 +4,6 @@
 
 #include <cstdint>
 #include <functional>
-#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -15,7 +14,6 @@
 
 namespace zel = arv::nnhal::zel;
 using arv::nnhal::OperandType;
-using arv::nnhal::OperationType;
 
 namespace {
 
@@ -42,8 +40,6 @@ TEST(NumberText, ScalarsAndArrays) {
 }
 
 TEST(RecordText, EveryFieldInOrder) {
-    EXPECT_EQ(zel::toString(kestrel_zel_nn_input{7, 2}), "kestrel_nn_input{.src_id: 7, .output_idx: 2}");
-
     kestrel_zel_nn_output out{};
     out.rank = 2;
     out.max_sizes[0] = 3;
@@ -78,19 +74,9 @@ TEST(RecordText, EveryFieldInOrder) {
 }
 
 // --- located check line ------------------------------------------------------------
+// The line's form (location, condition, values, message) is pinned by the
+// golden scenarios' refusals; here the values that print or compare oddly.
 
-int checkEq(int left, int right) {
-    ZEL_CHECK_EQ(left, right, -1, "Need " << right << " inputs for " << zel::toString(OperationType::CONV_2D));
-    return 0;
-}
-bool checkNe(uint32_t count) {
-    ZEL_CHECK_NE(0u, count, false, "failed getLog");
-    return true;
-}
-int checkGe(size_t size) {
-    ZEL_CHECK_GE(size, 3u, 7, "too small");
-    return 0;
-}
 template <typename T, typename Limit>
 bool le(T value, Limit limit) {
     ZEL_CHECK_LE(value, limit, false, "small");
@@ -112,10 +98,7 @@ TEST(LocatedCheck, LogsOneLocatedLineAndReturnsTheFailureValue) {
         std::function<bool()> failsWithItsValue;  // runs the check: true when it returned its failure value
         std::string text;                         // after the location
     } cases[] = {
-        {[] { return checkEq(2, 3) == -1; }, "failed left == right (2 == 3): Need 3 inputs for CONV_2D"},
-        {[] { return !checkNe(0); }, "failed 0u != count (0 != 0): failed getLog"},
-        {[] { return checkGe(2) == 7; }, "failed size >= 3u (2 >= 3): too small"},
-        {[] { return !le(2.25f, 1.5f); }, "failed value <= limit (2.25 <= 1.5): small"},
+        {[] { return !le(2.25f, 1.5f) && le(1.5f, 1.5f); }, "failed value <= limit (2.25 <= 1.5): small"},
         // Mixed signs compare values: -1 is below 3u, 4 is not.
         {[] { return le(-1, 3u) && !le(4, 3u); }, "failed value <= limit (4 <= 3): small"},
         {[&calls] { return checkOnce(&calls) == -1 && calls == 1; }, "failed counted(calls, 1) == 2 (1 == 2): once"},
@@ -127,19 +110,7 @@ TEST(LocatedCheck, LogsOneLocatedLineAndReturnsTheFailureValue) {
         ASSERT_EQ(errors.size(), 1u) << c.text;
         EXPECT_TRUE(log.debugs().empty());
         EXPECT_EQ(zeltest::afterLocation(errors[0]), c.text);
-        // The location is the build's relative path of the file, "::" and the line.
-        EXPECT_TRUE(std::regex_match(errors[0], std::regex("tests/foundation/text_test\\.cpp::[0-9]+ -- .*")))
-            << errors[0];
     }
-}
-
-TEST(LocatedCheck, PassingChecksLogNothing) {
-    zeltest::LogCapture log;
-    EXPECT_EQ(checkEq(4, 4), 0);
-    EXPECT_TRUE(checkNe(3));
-    EXPECT_EQ(checkGe(3), 0);
-    EXPECT_TRUE(le(1.5f, 1.5f));
-    EXPECT_TRUE(log.lines().empty());
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 // Model-file loader and the run helpers, where the in-memory result matters:
 // the bytes handed to the plug-in for every operand type, the half
-// conversion, the partition and NaN in the output comparison. The loader's
-// refusals and lenient loading are command-line cases (tests/cli).
+// conversion and NaN in the output comparison. The loader's refusals,
+// lenient loading and the partition are command-line cases (tests/cli).
 #include "zelhost/model_file.h"
 
 #include <gtest/gtest.h>
@@ -82,32 +82,6 @@ TEST(Half, RoundsToNearestEven) {
     for (uint32_t bits = 0; bits < 0x7C00; ++bits) {
         ASSERT_EQ(toHalf(fromHalf(static_cast<uint16_t>(bits))), bits) << "every finite half survives the round trip";
     }
-}
-
-TEST(Partition, RunsOfSupportedOperationsAndTheirMacs) {
-    HostGraph g;
-    const uint32_t in = g.addQuant8({1, 7, 7, 4}, 1.0f, 0, Lifetime::Input);
-    const uint32_t convFilter = g.addQuant8({2, 3, 3, 4}, 1.0f, 0, Lifetime::Constant, std::vector<uint8_t>(72, 1));
-    const uint32_t convOut = g.addQuant8({1, 5, 5, 2}, 1.0f, 0, Lifetime::Internal);
-    const uint32_t dwFilter = g.addQuant8({1, 3, 3, 2}, 1.0f, 0, Lifetime::Constant, std::vector<uint8_t>(18, 1));
-    const uint32_t dwOut = g.addQuant8({1, 3, 3, 2}, 1.0f, 0, Lifetime::Internal);
-    const uint32_t weights = g.addQuant8({10, 18}, 1.0f, 0, Lifetime::Constant, std::vector<uint8_t>(180, 1));
-    const uint32_t fcOut = g.addQuant8({1, 10}, 1.0f, 0, Lifetime::Internal);
-    const uint32_t out = g.addQuant8({1, 10}, 1.0f, 0, Lifetime::Output);
-    const uint32_t none = g.addInt32(0);
-    g.addOperation(OperationType::CONV_2D, {in, convFilter, none}, {convOut});             // 50 x 36
-    g.addOperation(OperationType::DEPTHWISE_CONV_2D, {convOut, dwFilter, none}, {dwOut});  // 18 x 9
-    g.addOperation(OperationType::FULLY_CONNECTED, {dwOut, weights, none}, {fcOut});       // 10 x 18
-    g.addOperation(OperationType::RELU, {fcOut}, {out});
-    g.addOperation(OperationType::CONV_2D, {in, none}, {out});  // filter of the wrong rank
-    const Partition p = partitionGraph(g, {0, 1, 2, 0, -1});
-    ASSERT_EQ(p.segments.size(), 4u);
-    EXPECT_FALSE(p.segments[1].accelerator) << "levels 1 and 2 both stay on the CPU, in one run";
-    EXPECT_EQ(p.segments[1].last, 2u);
-    EXPECT_EQ(p.segments[1].macs, 162u + 180u);
-    EXPECT_FALSE(p.segments[3].accelerator) << "an operation without an answer is not the accelerator's";
-    EXPECT_EQ(p.acceleratorMacs, 1800u);
-    EXPECT_EQ(p.macs, 2142u) << "the wrong-rank convolution counts no MACs";
 }
 
 // NaN never matches, whatever the tolerance.

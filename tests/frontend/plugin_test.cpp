@@ -128,29 +128,15 @@ TEST_F(PluginEndToEnd, AcceleratorReleaseReloadsTheRuntimeUnderALivingExecutor) 
 
 // ---- loader errors --------------------------------------------------------------
 
-// One case per way a load fails: each names what went wrong, and nothing
-// stays loaded.
-TEST(PluginLoaderErrors, RefusedLoadsNameTheCauseAndLeaveNothingLoaded) {
-    const struct {
-        const char* plugin;
-        const char* runtime;
-        std::string message;
-    } cases[] = {
-        {"/nonexistent/ravine-acc-zel.so", "", "cannot load plug-in /nonexistent/ravine-acc-zel.so: "},
-        {ZEL_PLUGIN_PATH, "/nonexistent/libzel_kestrel_runtime.so",
-         "cannot load runtime /nonexistent/libzel_kestrel_runtime.so: "},
-        {ZEL_RUNTIME_PATH, "", "does not export CreateAccelerator_zel"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.message);
-        PluginLoader loader;
-        const std::string error = loader.load(c.plugin, c.runtime);
-        EXPECT_NE(error.find(c.message), std::string::npos) << error;
-        EXPECT_EQ(loader.pluginHandle(), nullptr);
-        std::string why;
-        EXPECT_EQ(loader.createAccelerator(&why), nullptr);
-        EXPECT_EQ(why, "no plug-in loaded");
-    }
+// A library that loads but has no entry point is not kept loaded. What
+// zelrun says for each failed load is a command-line case.
+TEST(PluginLoaderErrors, RefusedLoadLeavesNothingLoaded) {
+    PluginLoader loader;
+    EXPECT_NE(loader.load(ZEL_RUNTIME_PATH, "").find("does not export CreateAccelerator_zel"), std::string::npos);
+    EXPECT_EQ(loader.pluginHandle(), nullptr);
+    std::string why;
+    EXPECT_EQ(loader.createAccelerator(&why), nullptr);
+    EXPECT_EQ(why, "no plug-in loaded");
 }
 
 }  // namespace

@@ -89,6 +89,23 @@ TEST_F(Unrouted, QuantizedBatchToSpaceNeedsRankThree) {
               "Need an input of rank 3 or 4 for quant8_asym::batch_to_space_nd, got rank 2");
 }
 
+TEST_F(Unrouted, QuantizedTransposeAndSpaceToBatchAcceptTheirValidForms) {
+    const uint32_t in = q8({1, 4, 2, 1}, Lifetime::Input);
+    const uint32_t perm = g.addInt32Tensor({4}, 0.0f, {0, 2, 1, 3});
+    const uint32_t transposed = q8({1, 2, 4, 1}, Lifetime::Output);
+    const uint32_t block = g.addInt32Tensor({2}, 0.0f, {2, 1});
+    const uint32_t paddings = g.addInt32Tensor({2, 2}, 0.0f, {0, 0, 0, 0});
+    const uint32_t batched = q8({0, 0, 0, 0}, Lifetime::Output);
+    io({in}, {transposed, batched});
+    ZelModel* m = model();
+    ASSERT_NE(m, nullptr);
+    EXPECT_TRUE(zel::quant8_asym_check::transposeCheck({in, perm}, {transposed}, m));
+    EXPECT_TRUE(zel::quant8_asym_check::space_to_batch_nd({in, block, paddings}, {batched}, m));
+    // A 2x1 block: twice the batches, half the height, the same width.
+    EXPECT_EQ(m->getShape(batched).dimensions, (std::vector<uint32_t>{2, 2, 2, 1}));
+    EXPECT_TRUE(log.errors().empty());
+}
+
 // Explicit forms: 0/1/0/1 around a 3x3 input with a 2x2 window is same padding.
 TEST_F(Unrouted, FloatPoolAndDepthwiseInTheExplicitForm) {
     const uint32_t in = f32({1, 3, 3, 1}, Lifetime::Input);

@@ -4,11 +4,10 @@
 // files of the folder. GOLDEN_UPDATE=1 rewrites the expected files. A
 // folder with graph.txt instead of model.json makes the runtime calls it
 // lists itself, on one runtime graph.
-#include <dirent.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <cmath>
+#include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <regex>
@@ -387,31 +386,10 @@ Played play(const std::string& dir) {
     return played;
 }
 
-// First differing line of two texts, for the failure message.
-std::string firstDifference(const std::string& expected, const std::string& actual) {
-    std::istringstream e(expected), a(actual);
-    std::string le, la;
-    for (int n = 1;; ++n) {
-        const bool he = static_cast<bool>(std::getline(e, le)), ha = static_cast<bool>(std::getline(a, la));
-        if (!he && !ha) return "line endings differ";
-        if (he != ha || le != la)
-            return "line " + std::to_string(n) + ":\n  expected: " + (he ? le : "<end>") +
-                   "\n  actual:   " + (ha ? la : "<end>");
-    }
-}
-
 std::vector<std::string> scenarioNames() {
     std::vector<std::string> names;
-    if (DIR* dir = opendir(ZEL_GOLDEN_DIR)) {
-        while (dirent* entry = readdir(dir)) {
-            const std::string name = entry->d_name;
-            struct stat st {};
-            if (name[0] != '.' && stat((std::string(ZEL_GOLDEN_DIR "/") + name).c_str(), &st) == 0 &&
-                S_ISDIR(st.st_mode))
-                names.push_back(name);
-        }
-        closedir(dir);
-    }
+    for (const auto& entry : std::filesystem::directory_iterator(ZEL_GOLDEN_DIR))
+        if (entry.is_directory()) names.push_back(entry.path().filename().string());
     std::sort(names.begin(), names.end());
     return names;
 }
@@ -432,8 +410,7 @@ TEST_P(Golden, Scenario) {
         ASSERT_TRUE(readFile(dir + "/" + file.first, expected))
             << dir << " has no " << file.first
             << ": run GOLDEN_UPDATE=1 ctest -R golden and review the files it writes";
-        EXPECT_EQ(expected, file.second) << GetParam() << "/" << file.first << " differs at "
-                                         << firstDifference(expected, file.second);
+        EXPECT_EQ(expected, file.second) << GetParam() << "/" << file.first;
     }
 }
 

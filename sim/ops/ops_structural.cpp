@@ -170,7 +170,7 @@ std::string validateFloat(const NodeDesc& node, const std::vector<InputInfo>& in
         if (rule.op != node.op) continue;
         bool same = false;
         if ((rule.atLeast ? v.inputCountAtLeast(rule.inputs) : v.inputCount(rule.inputs)) && allConnected(v) &&
-            (!rule.window || v.windowPadding(&same)) && v.outputCount(1)) {
+            (rule.window ? v.windowPadding(&same) : v.noPadding()) && v.outputCount(1)) {
             v.outputElementSize(0, "value", 4);
         }
         return v.result();

@@ -58,6 +58,7 @@ protected:
 TEST_F(Unrouted, QuantizedChecks) {
     const uint32_t in = q8({1, 2, 1, 1}, Lifetime::Input);
     const uint32_t out = q8({2}, Lifetime::Output);
+    const uint32_t bias = g.addInt32Tensor({1}, 0.0f, {1});
     io({in}, {out});
     ZelModel* m = model();
     ASSERT_NE(m, nullptr);
@@ -69,11 +70,13 @@ TEST_F(Unrouted, QuantizedChecks) {
     EXPECT_FALSE(zel::quant8_asym_check::relu({99}, {out}, m));
     EXPECT_FALSE(zel::quant8_asym_check::pad({in}, {out}, m));
     EXPECT_FALSE(zel::quant8_asym_check::oemLstmCheck({in, in, in, in, in, in}, {out, out, out}, m));
+    EXPECT_FALSE(zel::quant8_asym_check::oemLstmCheck({in, in, in, in, bias, in}, {out, out, out, out}, m));
     const auto errors = log.errors();
-    ASSERT_EQ(errors.size(), 3u);
+    ASSERT_EQ(errors.size(), 4u);
     EXPECT_EQ(zeltest::afterLocation(errors[0]), "Input 0 of RELU names operand 99, which is outside the graph");
     EXPECT_EQ(zeltest::afterLocation(errors[1]), "failed 2 == ins.size() (2 == 1): Need 2 inputs for PAD");
     EXPECT_EQ(zeltest::afterLocation(errors[2]), "failed 4 == outs.size() (4 == 3): Need 4 outputs for OEM LSTM");
+    EXPECT_EQ(zeltest::afterLocation(errors[3]), "OEM LSTM requires weight to be constant data");
 }
 
 TEST_F(Unrouted, QuantizedBatchToSpaceNeedsRankThree) {
@@ -114,20 +117,22 @@ TEST_F(Unrouted, FloatPoolAndDepthwiseInTheExplicitForm) {
     const uint32_t filter = g.addFloatTensor({1, 2, 2, 2}, Lifetime::Constant, {1, 2, 3, 4, 5, 6, 7, 8});
     const uint32_t bias = g.addFloatTensor({2}, Lifetime::Constant, {0.5f, 1.0f});
     const uint32_t deep = f32({1, 3, 3, 2}, Lifetime::Output);
-    io({in}, {pooled, deep});
+    const uint32_t resized = f32({1, 2, 2, 1}, Lifetime::Output);
+    io({in}, {pooled, deep, resized});
     ZelModel* m = model(true);
     ASSERT_NE(m, nullptr);
     EXPECT_TRUE(zel::float32::max_pool_2d({in, zero, one, zero, one, one, one, two, two, zero}, {pooled}, m));
     EXPECT_TRUE(
         zel::float32::depthwise_conv_2d({in, filter, bias, zero, one, zero, one, one, one, two, relu6}, {deep}, m));
+    EXPECT_TRUE(zel::float32::resize_bilinear({in, two, two}, {resized}, m));
     std::vector<int32_t> pads;
     float bound = 0.0f;
     for (const auto& node : nodes()) {
         if (!node.isConst && node.op > 1) pads.push_back(node.padding);
         if (node.isConst && node.data.size() == sizeof(float)) std::memcpy(&bound, node.data.data(), sizeof bound);
     }
-    // Pool, depthwise (same padding), bias and the RELU6 (no padding).
-    EXPECT_EQ(pads, (std::vector<int32_t>{ZEL_NN_PAD_SAME, ZEL_NN_PAD_SAME, 0, 0}));
+    // Pool, depthwise (same padding), bias, the RELU6 and the resize (no padding).
+    EXPECT_EQ(pads, (std::vector<int32_t>{ZEL_NN_PAD_SAME, ZEL_NN_PAD_SAME, 0, 0, 0}));
     EXPECT_EQ(bound, 6.0f) << "the RELU6 bound is the last one-float constant";
     EXPECT_TRUE(log.errors().empty());
 }

@@ -109,6 +109,17 @@ TEST_F(Unrouted, QuantizedTransposeAndSpaceToBatchAcceptTheirValidForms) {
     EXPECT_TRUE(log.errors().empty());
 }
 
+TEST_F(Unrouted, QuantizedVendorSplitLowersOnItsAxis) {
+    const uint32_t in = q8({1, 4}, Lifetime::Input);
+    const uint32_t axis = g.addInt32(1), parts = g.addInt32(2);
+    const uint32_t a = q8({1, 2}, Lifetime::Output), b = q8({1, 2}, Lifetime::Output);
+    io({in}, {a, b});
+    ZelModel* m = model(true);
+    ASSERT_NE(m, nullptr);
+    EXPECT_TRUE(zel::quant8_asym::oemSplit({axis, in, parts, axis}, {a, b}, m));
+    EXPECT_TRUE(log.errors().empty());
+}
+
 // Explicit forms: 0/1/0/1 around a 3x3 input with a 2x2 window is same padding.
 TEST_F(Unrouted, FloatPoolAndDepthwiseInTheExplicitForm) {
     const uint32_t in = f32({1, 3, 3, 1}, Lifetime::Input);

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "loaded_plugin.h"
 #include "log_capture.h"
 #include "zelhost/execution.h"
 #include "zelhost/model_file.h"
@@ -28,15 +29,8 @@ using namespace arv::nnhal::host;
 
 namespace {
 
-// One loader for the whole program: the plug-in stays loaded, as in a host.
 PluginLoader& plugin() {
-    static PluginLoader* loader = [] {
-        auto* created = new PluginLoader;
-        const std::string error = created->load(ZEL_PLUGIN_PATH, ZEL_RUNTIME_PATH);
-        EXPECT_EQ(error, "");
-        return created;
-    }();
-    return *loader;
+    return zeltest::loadedPlugin();
 }
 
 // An accelerator released at the end of the scope.

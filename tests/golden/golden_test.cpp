@@ -16,6 +16,7 @@
 #include <thread>
 #include <vector>
 
+#include "loaded_plugin.h"
 #include "log_capture.h"
 #include "zelhost/execution.h"
 #include "zelhost/model_file.h"
@@ -30,13 +31,7 @@ using namespace arv::nnhal::host;
 namespace {
 
 PluginLoader& plugin() {
-    static PluginLoader* loader = [] {
-        auto* created = new PluginLoader;
-        const std::string error = created->load(ZEL_PLUGIN_PATH, ZEL_RUNTIME_PATH);
-        if (!error.empty()) ADD_FAILURE() << error;
-        return created;
-    }();
-    return *loader;
+    return zeltest::loadedPlugin();
 }
 
 bool readFile(const std::string& path, std::string& text) {

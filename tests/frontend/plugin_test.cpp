@@ -29,14 +29,10 @@ using namespace arv::nnhal::host;
 
 namespace {
 
-PluginLoader& plugin() {
-    return zeltest::loadedPlugin();
-}
-
 // An accelerator released at the end of the scope.
 class Accelerator {
 public:
-    Accelerator() : mAccelerator(plugin().createAccelerator()) {}
+    Accelerator() : mAccelerator(zeltest::loadedPlugin().createAccelerator()) {}
     ~Accelerator() {
         if (mAccelerator) mAccelerator->release();
     }
@@ -76,7 +72,7 @@ struct ConvModel {
 class PluginEndToEnd : public ::testing::Test {
 protected:
     void SetUp() override {
-        ASSERT_NE(plugin().pluginHandle(), nullptr);
+        ASSERT_NE(zeltest::loadedPlugin().pluginHandle(), nullptr);
         zelsim::reset();
     }
     void TearDown() override { zelsim::reset(); }

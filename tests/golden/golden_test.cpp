@@ -30,10 +30,6 @@ using namespace arv::nnhal::host;
 
 namespace {
 
-PluginLoader& plugin() {
-    return zeltest::loadedPlugin();
-}
-
 bool readFile(const std::string& path, std::string& text) {
     std::ifstream in(path, std::ios::binary);
     if (!in) return false;
@@ -324,7 +320,7 @@ Played play(const std::string& dir) {
     std::vector<zeltest::LogLine> lines;
     {
         zeltest::LogCapture log;
-        IAccelerator* accelerator = plugin().createAccelerator();
+        IAccelerator* accelerator = zeltest::loadedPlugin().createAccelerator();
         if (accelerator == nullptr) {
             played.error = "no accelerator";
             return played;
